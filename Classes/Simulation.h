@@ -1,0 +1,4 @@
+#pragma once
+
+/// Writes through a null pointer, some frames deep.
+void simulateSignal();

@@ -1,0 +1,58 @@
+#include <signal.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+
+#include "Classes/OvalynOptions.h"
+#include "Classes/Simulation.h"
+#include "CrashReporter.h"
+#include "Platform/RunLoop/RunLoop.h"
+
+namespace {
+
+void endInOrder(int) {
+  platform::RunLoop::main().stopFromSignal();
+}
+
+void printLastCrash(CrashReporter& reporter) {
+  const auto path = reporter.lastCrashLogPath();
+  if (!path) {
+    return;
+  }
+  std::cout << "The run before crashed; its log is " << *path << "\n";
+  if (std::ifstream log(*path); log.good()) {
+    std::cout << log.rdbuf();
+  }
+  std::cout.flush();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const OvalynOptions options = OvalynOptions::parse(argc, argv);
+  platform::RunLoop& loop = platform::RunLoop::main();
+  loop.attach();  // from here on its work is this thread's, also before it runs
+  CrashReporter& reporter = CrashReporter::sharedInstance();
+  if (!options.collectUrl.empty() && !reporter.setCollectUrl(options.collectUrl)) {
+    std::cerr << "ovalyn: --collect-url takes an http or https URL, not " << options.collectUrl << "\n";
+    return 2;
+  }
+  reporter.setEnableSymbolicateInProcess(true);
+  if (!reporter.install()) {
+    std::cerr << "ovalyn: the crash reporter is not installed; crashes of this run are not reported\n";
+  }
+  std::cout << "Device " << reporter.deviceIdentifier() << ", reporter " << reporter.sdkVersion() << std::endl;
+  printLastCrash(reporter);
+
+  signal(SIGTERM, endInOrder);
+  signal(SIGINT, endInOrder);
+  if (options.quitAfter) {
+    loop.performAfter(*options.quitAfter, [&loop] { loop.stop(); });
+  }
+  if (options.simulation == OvalynOptions::Simulation::kSignal) {
+    loop.performAfter(0, simulateSignal);
+  }
+  loop.run();
+  return 0;
+}

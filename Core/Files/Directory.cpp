@@ -1,0 +1,127 @@
+#include "Core/Files/Directory.h"
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+
+#include "Core/Files/File.h"
+#include "Core/Kernel/SystemCall.h"
+
+namespace core {
+namespace {
+
+/// The head of an entry as getdents64 lays it out; the name follows, NUL at its end.
+struct EntryHead {
+  std::uint64_t inode;
+  std::int64_t next;
+  std::uint16_t size;
+  std::uint8_t type;
+};
+constexpr std::size_t kNameOffset = offsetof(EntryHead, type) + 1;
+/// Room for several entries of the longest name; small, since it lies on the crash path's stack.
+constexpr std::size_t kBlock = 2048;
+
+int makeDirectory(std::string_view path, unsigned mode) noexcept {
+  return errorOf(restartedSystemCall(SYS_mkdirat, AT_FDCWD, String(path).c_str(), mode));
+}
+
+/// The error of the first parent of `path` that could not be made, else 0.
+int makeParents(std::string_view path, unsigned mode) noexcept {
+  int first = 0;
+  for (std::size_t slash = path.find('/', 1); slash != std::string_view::npos; slash = path.find('/', slash + 1)) {
+    const int error = makeDirectory(path.substr(0, slash), mode);
+    if (first == 0 && error != EEXIST) {
+      first = error;
+    }
+  }
+  return first;
+}
+
+std::string_view withoutTrailingSlashes(std::string_view path) noexcept {
+  while (path.size() > 1 && path.back() == '/') {
+    path.remove_suffix(1);
+  }
+  return path;
+}
+
+void appendNames(const char* block, std::size_t size, Array<String>& names) noexcept {
+  for (std::size_t at = 0; at < size;) {
+    EntryHead head;
+    std::memcpy(&head, block + at, kNameOffset);
+    const std::string_view name(block + at + kNameOffset);
+    if (name != "." && name != "..") {
+      names.append(name);
+    }
+    at += head.size;
+  }
+}
+
+}  // namespace
+
+int createDirectories(const String& path, unsigned mode) noexcept {
+  int error = makeDirectory(path, mode);
+  if (error == ENOENT) {
+    const int parentError = makeParents(path, mode);
+    error = makeDirectory(path, mode);
+    error = error == ENOENT && parentError != 0 ? parentError : error;
+  }
+  if (error == 0) {
+    return 0;
+  }
+  if (const auto facts = fileFacts(path); facts && facts->isDirectory) {
+    return 0;
+  }
+  return error == EEXIST ? ENOTDIR : error;
+}
+
+Result<Array<String>, int> listDirectory(const String& path) noexcept {
+  const auto directory = File::open(path, O_RDONLY | O_DIRECTORY);
+  if (!directory) {
+    return directory.error();
+  }
+  Array<String> names;
+  alignas(EntryHead) char block[kBlock];
+  for (;;) {
+    const long count = restartedSystemCall(SYS_getdents64, directory->descriptor(), block, sizeof block);
+    if (count < 0) {
+      return errorOf(count);
+    }
+    if (count == 0) {
+      break;
+    }
+    appendNames(block, static_cast<std::size_t>(count), names);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+String joinPath(std::string_view directory, std::string_view name) noexcept {
+  while (!name.empty() && name.front() == '/') {
+    name.remove_prefix(1);
+  }
+  directory = withoutTrailingSlashes(directory);
+  StringBuilder path(directory.size() + name.size() + 1);
+  path.append(directory);
+  if (!directory.empty() && directory != "/" && !name.empty()) {
+    path.append('/');
+  }
+  path.append(name);
+  return path.str();
+}
+
+std::string_view lastPathComponent(std::string_view path) noexcept {
+  path = withoutTrailingSlashes(path);
+  if (const std::size_t slash = path.rfind('/'); slash != std::string_view::npos && path != "/") {
+    path.remove_prefix(slash + 1);
+  }
+  return path;
+}
+
+std::string_view parentPath(std::string_view path) noexcept {
+  path = withoutTrailingSlashes(path);
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? std::string_view() : withoutTrailingSlashes(path.substr(0, slash + 1));
+}
+
+}  // namespace core

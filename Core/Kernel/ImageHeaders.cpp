@@ -1,0 +1,109 @@
+#include "Core/Kernel/ImageHeaders.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "Core/Kernel/OwnMemory.h"
+
+namespace core {
+namespace {
+
+constexpr std::size_t kMostSegments = 128;
+constexpr std::size_t kMostNotes = 64;
+constexpr std::size_t kMostBuildIdBytes = 64;
+/// User addresses end below this; a header that says more is corrupt.
+constexpr std::uint64_t kAddressLimit = std::uint64_t{1} << 56;
+
+}  // namespace
+
+bool ImageHeaders::read(std::uint64_t start) noexcept {
+  base_ = start;
+  end_ = codeStart_ = codeEnd_ = 0;
+  Elf64_Ehdr header;
+  if (!readOwnMemory(start, front_.data(), front_.size()) || !fetch(start, &header, sizeof header) ||
+      std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64 ||
+      header.e_phentsize != sizeof(Elf64_Phdr) || header.e_phnum > kMostSegments || header.e_phoff > kAddressLimit) {
+    return false;
+  }
+  table_ = start + header.e_phoff;
+  count_ = header.e_phnum;
+  Elf64_Phdr loaded;
+  for (std::size_t i = 0; i < count_; ++i) {
+    if (!segment(i, loaded) || (loaded.p_type == PT_LOAD && !placeSegment(loaded))) {
+      return false;
+    }
+  }
+  return codeEnd_ > base_;
+}
+
+Data ImageHeaders::buildId() const noexcept {
+  Elf64_Phdr notes;
+  for (std::size_t i = 0; i < count_ && segment(i, notes); ++i) {
+    if (notes.p_type == PT_NOTE) {
+      if (Data id = buildIdIn(notes); !id.empty()) {
+        return id;
+      }
+    }
+  }
+  return {};
+}
+
+bool ImageHeaders::fetch(std::uint64_t address, void* into, std::size_t size) const noexcept {
+  const std::uint64_t offset = address - base_;
+  if (offset <= front_.size() - size) {
+    std::memcpy(into, front_.data() + offset, size);
+    return true;
+  }
+  return readOwnMemory(address, into, size);
+}
+
+bool ImageHeaders::segment(std::size_t index, Elf64_Phdr& into) const noexcept {
+  return fetch(table_ + index * sizeof into, &into, sizeof into);
+}
+
+bool ImageHeaders::placeSegment(const Elf64_Phdr& segment) noexcept {
+  if (segment.p_vaddr > kAddressLimit || segment.p_memsz > kAddressLimit || segment.p_offset > kAddressLimit) {
+    return false;
+  }
+  if (end_ == 0) {
+    bias_ = base_ + segment.p_offset - segment.p_vaddr;
+  }
+  const std::uint64_t start = bias_ + segment.p_vaddr;
+  const std::uint64_t end = start + segment.p_memsz;
+  if (start < base_ || end > kAddressLimit) {
+    return false;
+  }
+  end_ = std::max(end_, end);
+  if ((segment.p_flags & PF_X) != 0) {
+    codeStart_ = codeStart_ == 0 ? start : codeStart_;
+    codeEnd_ = std::max(codeEnd_, end);
+  }
+  return true;
+}
+
+Data ImageHeaders::buildIdIn(const Elf64_Phdr& notes) const noexcept {
+  struct Head {
+    Elf64_Nhdr sizes;
+    char name[4];
+  } head;
+  const std::uint64_t alignment = notes.p_align == 8 ? 8 : 4;
+  const auto padded = [alignment](std::uint64_t size) { return (size + alignment - 1) & ~(alignment - 1); };
+  const std::uint64_t start = bias_ + notes.p_vaddr;
+  std::uint64_t at = 0;
+  for (std::size_t i = 0; i < kMostNotes && at + sizeof head <= notes.p_memsz; ++i) {
+    if (!fetch(start + at, &head, sizeof head)) {
+      break;
+    }
+    const std::uint64_t content = at + padded(sizeof head.sizes + head.sizes.n_namesz);
+    const std::size_t size = head.sizes.n_descsz;
+    if (head.sizes.n_type == NT_GNU_BUILD_ID && head.sizes.n_namesz == sizeof head.name &&
+        std::memcmp(head.name, ELF_NOTE_GNU, sizeof head.name) == 0 && size <= kMostBuildIdBytes) {
+      std::uint8_t id[kMostBuildIdBytes];
+      return fetch(start + content, id, size) ? Data(id, size) : Data();
+    }
+    at = content + padded(size);
+  }
+  return {};
+}
+
+}  // namespace core

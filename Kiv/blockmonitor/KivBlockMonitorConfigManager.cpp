@@ -1,0 +1,6 @@
+#include "Kiv/blockmonitor/KivBlockMonitorConfigManager.h"
+
+KivBlockMonitorConfigManager& KivBlockMonitorConfigManager::sharedManager() noexcept {
+  static auto& manager = *new KivBlockMonitorConfigManager;
+  return manager;
+}

@@ -1,0 +1,108 @@
+#include "Platform/Foundation/NotificationCenter.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Core/Memory/CrashHeap.h"
+#include "Core/Memory/CrashOwner.h"
+
+namespace {
+
+using platform::Notification;
+using platform::NotificationCenter;
+
+TEST(NotificationCenterTest, callsTheObserversOfANameInOrderOnThePostingThread) {
+  NotificationCenter center;
+  std::string trace;
+  const auto add = [&](const char* name, const char* text) {
+    return center.addObserver(name, [&trace, text, poster = std::this_thread::get_id()](const Notification& posted) {
+      EXPECT_EQ(std::this_thread::get_id(), poster);
+      trace += text + posted.name.str() + (posted.object.isNull() ? "" : posted.object.string()->str()) + " ";
+    });
+  };
+  const auto first = add("a", "1");
+  const auto again = add("a", "2");
+  add("b", "3");
+  add("a", "4");
+  center.post("a", "+");
+  EXPECT_EQ(trace, "1a+ 2a+ 4a+ ");
+  trace.clear();
+  center.removeObserver(again);
+  center.removeObserver(again);
+  center.removeObserver(NotificationCenter::Observer());
+  center.post("a");
+  center.post("c");
+  center.removeObserver(first);
+  center.post("b");
+  EXPECT_EQ(trace, "1a 4a 3b ");
+}
+
+TEST(NotificationCenterTest, observersMayComeAndGoDuringAPost) {
+  NotificationCenter center;
+  std::string trace;
+  NotificationCenter::Observer self{};
+  NotificationCenter::Observer next{};
+  self = center.addObserver("a", [&](const Notification&) {
+    trace += "self ";
+    center.removeObserver(self);
+    center.removeObserver(next);
+    next = center.addObserver("a", [&](const Notification&) { trace += "new "; });
+    center.post("b");
+  });
+  next = center.addObserver("a", [&](const Notification&) { trace += "next "; });
+  (void)center.addObserver("b", [&](const Notification&) { trace += "nested "; });
+  center.post("a");
+  EXPECT_EQ(trace, "self nested ");
+  center.post("a");
+  EXPECT_EQ(trace, "self nested new ");
+}
+
+TEST(NotificationCenterTest, threadsPostWhileOthersComeAndGo) {
+  constexpr int kRounds = 2000;
+  NotificationCenter center;
+  std::atomic<int> steady{0};
+  std::atomic<int> afterRemoval{0};
+  (void)center.addObserver("a", [&](const Notification&) { ++steady; });
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 2; ++i) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < kRounds; ++round) {
+        center.post("a");
+      }
+    });
+    threads.emplace_back([&, own = std::to_string(i)] {
+      for (int round = 0; round < kRounds; ++round) {
+        bool removed = false;
+        const auto observer = center.addObserver(own, [&](const Notification&) { afterRemoval += removed ? 1 : 0; });
+        center.removeObserver(observer);
+        removed = true;
+        center.post(own);
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(steady, 2 * kRounds);
+  EXPECT_EQ(afterRemoval, 0);
+}
+
+TEST(NotificationCenterTest, theOwnerOfACrashPostsFromItsOwnMemory) {
+  ASSERT_TRUE(core::CrashHeap::reserve());
+  NotificationCenter center;
+  core::String seen;
+  (void)center.addObserver("crashed", [&](const Notification& posted) { seen = posted.name; });
+  std::thread([&] {
+    ASSERT_EQ(core::CrashOwner::claim(), core::CrashOwner::Claim::kFirst);
+    center.post("crashed", "while it is handled");
+    core::CrashOwner::release();
+  }).join();
+  EXPECT_EQ(seen, "crashed");
+  EXPECT_TRUE(core::CrashHeap::contains(seen.data()));
+}
+
+}  // namespace

@@ -1,0 +1,72 @@
+#include "Platform/RunLoop/Thread.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <future>
+#include <memory>
+
+#include "Core/Kernel/Process.h"
+
+namespace {
+
+using platform::Thread;
+
+constexpr double kPatience = 20;
+
+TEST(ThreadTest, hasItsNameAndBlocksTheAsynchronousSignalsOnly) {
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  const Thread thread = Thread::start("BlockMonitorThread", [] {
+    char name[32];
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    EXPECT_STREQ(name, "BlockMonitorThr");
+    EXPECT_EQ(Thread::current().name(), "BlockMonitorThread");
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    for (const int open : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGRTMIN, SIGRTMAX}) {
+      EXPECT_FALSE(sigismember(&blocked, open)) << open;
+    }
+    for (const int closed : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGALRM, SIGPROF, SIGCHLD, SIGUSR1, SIGXFSZ}) {
+      EXPECT_TRUE(sigismember(&blocked, closed)) << closed;
+    }
+  });
+  EXPECT_TRUE(thread.join(kPatience));
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  EXPECT_FALSE(Thread::current());
+}
+
+TEST(ThreadTest, cancellingEndsItsWaitAtOnce) {
+  std::promise<void> waits;
+  const auto capture = std::make_shared<int>(0);
+  const Thread thread = Thread::start("waiter", [&waits, capture] {
+    EXPECT_TRUE(Thread::current().waitFor(0.001));
+    waits.set_value();
+    EXPECT_FALSE(Thread::current().waitFor(1000));
+    EXPECT_TRUE(Thread::current().isCancelled());
+  });
+  waits.get_future().wait();
+  EXPECT_FALSE(thread.join(0));
+  EXPECT_TRUE(thread.isExecuting());
+  const Thread copy = thread;
+  copy.cancel();
+  EXPECT_TRUE(thread.join(kPatience));
+  EXPECT_FALSE(thread.isExecuting());
+  EXPECT_EQ(capture.use_count(), 1);
+}
+
+TEST(ThreadTest, runsOnWithoutItsHandle) {
+  const auto dropped = std::make_shared<std::promise<void>>();
+  const auto done = std::make_shared<std::promise<void>>();
+  Thread::start("detached", [dropped, done] {
+    dropped->get_future().wait();
+    done->set_value();
+  });
+  dropped->set_value();
+  EXPECT_EQ(done->get_future().wait_for(std::chrono::duration<double>(kPatience)), std::future_status::ready);
+}
+
+}  // namespace
