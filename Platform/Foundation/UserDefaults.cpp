@@ -190,9 +190,8 @@ std::optional<core::ValueDictionary> UserDefaults::dictionary(std::string_view k
 
 void UserDefaults::setObject(std::string_view key, core::Value value) noexcept {
   store_->set(key, std::move(value));
-  if (core::CrashOwner::isCurrentThread()) {
-    store_->synchronize();
-  } else if (store_->claimWrite()) {
+  // On the owner of a crash the queue calls at once what may wait there for ever.
+  if (store_->claimWrite() || core::CrashOwner::isCurrentThread()) {
     queue_.async([store = store_] { store->write(); });
   }
 }

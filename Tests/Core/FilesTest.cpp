@@ -195,15 +195,13 @@ TEST(FileFacts, FollowsLinks) {
   ASSERT_EQ(::symlink("file", directory.file("link").c_str()), 0);
   const auto facts = core::fileFacts(directory.file("link"));
   ASSERT_TRUE(facts);
-  EXPECT_TRUE(facts->isRegular && !facts->isDirectory);
-  EXPECT_EQ(facts->size, 5U);
+  EXPECT_TRUE(facts->isRegular && !facts->isDirectory && facts->size == 5);
   EXPECT_EQ(facts->mode, 0604U);
   EXPECT_EQ(facts->owner, ::geteuid());
   EXPECT_EQ(facts->modified, 1'700'000'000'123'456'789);
-  ASSERT_EQ(core::renameFile(file, directory.file("moved")), 0);
+  EXPECT_EQ(core::removeFile(file), 0);
+  EXPECT_EQ(core::removeFile(file), ENOENT);
   EXPECT_FALSE(core::fileExists(directory.file("link")));
-  EXPECT_EQ(core::removeFile(directory.file("moved")), 0);
-  EXPECT_EQ(core::removeFile(directory.file("moved")), ENOENT);
 }
 
 TEST(Directory, IsMadeWithItsParents) {
@@ -251,14 +249,10 @@ TEST(Path, Parts) {
     EXPECT_EQ(core::parentPath(path), parent) << path;
     EXPECT_EQ(core::lastPathComponent(path), last) << path;
   }
-  const struct {
-    const char* directory;
-    const char* name;
-    const char* path;
-  } kJoined[] = {{"/a", "b", "/a/b"}, {"/a//", "/b", "/a/b"}, {"/", "b", "/b"}, {"", "b", "b"}, {"a", "", "a"}};
-  for (const auto& [parent, name, path] : kJoined) {
-    EXPECT_EQ(core::joinPath(parent, name), path);
-  }
+  EXPECT_EQ(core::joinPath("/a//", "/b"), "/a/b");
+  EXPECT_EQ(core::joinPath("/", "b"), "/b");
+  EXPECT_EQ(core::joinPath("", "b"), "b");
+  EXPECT_EQ(core::joinPath("a", ""), "a");
 }
 
 TEST(RecordLock, ExcludesOtherProcessesUntilTheyEnd) {

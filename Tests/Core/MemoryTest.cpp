@@ -221,25 +221,6 @@ TEST(String, CountsCharactersNotBytes) {
   EXPECT_TRUE(core::optionalString(""));
 }
 
-TEST(String, IsSharedBetweenThreads) {
-  core::StringBuilder builder;
-  for (int i = 0; i < 1000; ++i) {
-    builder.append(std::to_string(i));
-  }
-  core::String shared = builder.str();
-  const std::string wanted(builder.view());
-  std::vector<std::jthread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([own = shared, &wanted] {
-      for (int round = 0; round < 1000; ++round) {
-        const core::String copy = own;  // NOLINT(performance-unnecessary-copy-initialization)
-        EXPECT_TRUE(copy == wanted && copy.c_str()[wanted.size()] == '\0');
-      }
-    });
-  }
-  shared = core::String();
-}
-
 TEST(Block, CopiesItsCaptures) {
   {
     int total = 0;

@@ -18,7 +18,6 @@
 #include "Core/Memory/CrashOwner.h"
 #include "Core/PropertyList/BinaryPropertyList.h"
 #include "Core/Text/Format.h"
-#include "Platform/Foundation/PropertyListFile.h"
 #include "Tests/Support/LogCapture.h"
 #include "Tests/Support/Subprocess.h"
 #include "Tests/Support/TemporaryDirectory.h"
@@ -188,7 +187,10 @@ TEST_F(UserDefaultsTest, NothingIsLostBetweenThreadsAndProcesses) {
     processes.emplace_back(
         std::vector<std::string>{"/proc/self/exe", "--gtest_filter=UserDefaultsTest.OneProcessWritesItsKeys"},
         test::SubprocessOptions{.environment = {{"KIV_TEST_DEFAULTS", path_}, {"KIV_TEST_WRITER", "p" + name}}});
-    threads.emplace_back([&, name] { writeKeys(defaults, name.c_str()); });
+    threads.emplace_back([&, name, alone = writer % 2 == 0] {
+      UserDefaults own = open();
+      writeKeys(alone ? own : defaults, name.c_str());
+    });
   }
   for (std::thread& thread : threads) {
     thread.join();
@@ -270,14 +272,14 @@ TEST_F(UserDefaultsTest, AFailedWriteIsReportedOnceAndMadeUpFor) {
 
 TEST_F(UserDefaultsTest, TheOwnerOfACrashWritesAtOnceAndWaitsForNobody) {
   ASSERT_TRUE(core::CrashHeap::reserve());
-  ASSERT_EQ(platform::writeStoredPropertyList(path_, {{"before", Value(1)}}), 0);
   const auto held = core::RecordLock::acquire(path_ + ".lock", core::RecordLock::Mode::kWait);
   ASSERT_TRUE(held);
-  const core::ValueDictionary expected{{"before", Value(1)}, {"crashed", Value(true)}};
+  const core::ValueDictionary expected{{"waiting", Value(2)}, {"crashed", Value(true)}};
   const pid_t crashing = ::fork();
   if (crashing == 0) {
-    core::CrashOwner::claim();
     UserDefaults defaults = open();
+    defaults.setObject("waiting", Value(2));
+    core::CrashOwner::claim();
     defaults.setObject("crashed", Value(true));
     ::_exit(stored() == expected && defaults.synchronize() ? 0 : 1);
   }

@@ -1,0 +1,103 @@
+#!/usr/bin/env bash
+# Builds the client and runs the main job once: install, crash, find the crash again. All data
+# goes to a scratch folder, which KEEP=1 keeps. A step that does not do what it should ends
+# this script.
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/scripts/common.sh"
+
+scratch=
+removeScratch() {
+  [[ -z $scratch || ${KEEP:-} == 1 ]] || rm -rf "$scratch"
+}
+trap removeScratch EXIT
+
+heading() {
+  if [[ -t 1 ]]; then
+    printf '\n\e[1m%s\e[0m\n' "$*"
+  else
+    printf '\n%s\n' "$*"
+  fi
+}
+
+# Shows a text, indented, with the two long folders in it named.
+show() {
+  sed -e "s|$scratch|SCRATCH|g" -e "s|$top/||g" -e '/./s/^/    /'
+}
+
+# ovalyn <name of the step> <arguments>: leaves $status, and what it wrote in $out and $log.
+ovalyn() {
+  out=$scratch/$1.out
+  log=$scratch/$1.log
+  shift
+  heading "\$ ovalyn $*"
+  status=0
+  # The subshell keeps bash's own note about a signal off the screen.
+  (timeout 60 "$top/build/release/bin/ovalyn" "$@" >"$out" 2>"$log" || exit $?) 2>/dev/null || status=$?
+}
+
+# expect <what is wrong otherwise> <command>
+expect() {
+  local wrong=$1
+  shift
+  "$@" >/dev/null && return
+  tail -n 20 "$log" | show >&2
+  fail "$wrong (status $status; its log is above)."
+}
+
+ends() {
+  ((status == $1))
+}
+
+firstStart() {
+  ovalyn first --quit-after 1
+  grep -h '<KIV>' "$log" | show || true
+  show <"$out"
+  expect "The first start did not end in order" ends 0
+  expect "The library did not install itself" grep 'Init sdk\[' "$log"
+  expect "The handlers are not in force" \
+    grep 'Install exception handler SUCCESS, signal handler SUCCESS' "$log"
+}
+
+dataFiles() {
+  local model
+  heading "What it wrote"
+  (cd "$scratch" && find data config state -type f -printf 'SCRATCH/%p  %s bytes\n' | LC_ALL=C sort) | show
+  model=$(find "$XDG_DATA_HOME" -name .kivios.plist)
+  expect "There is no model file" test -n "$model"
+  heading "\$ plistutil -i ${model/#"$scratch"/SCRATCH} -f xml"
+  plistutil -i "$model" -f xml | sed -n '/<dict>/,/<\/dict>/p' >"$scratch/model.xml" ||
+    fail "plistutil cannot read $model"
+  show <"$scratch/model.xml"
+  expect "The model file does not hold the application key" grep com.velmora.ovalyn "$scratch/model.xml"
+}
+
+crash() {
+  ovalyn crash --simulate signal
+  grep -h 'Trap a fatal signal' "$log" | show || true
+  expect "The crash did not end the client by SIGSEGV" ends $((128 + $(kill -l SEGV)))
+  printf '    ended by SIGSEGV\n'
+}
+
+nextStart() {
+  ovalyn second --quit-after 1
+  show <"$out"
+  expect "The start after the crash did not end in order" ends 0
+  expect "The start after the crash did not find it" grep 'The run before crashed' "$out"
+  expect "The crash is not described" grep 'SIGSEGV' "$out"
+}
+
+needPackages "${packages[@]}"
+buildRelease ovalyn
+
+scratch=$(mktemp -d "${TMPDIR:-/tmp}/kiv-run.XXXXXX")
+export XDG_DATA_HOME=$scratch/data XDG_CONFIG_HOME=$scratch/config XDG_STATE_HOME=$scratch/state
+mkdir -p "$XDG_DATA_HOME" "$XDG_CONFIG_HOME" "$XDG_STATE_HOME"
+ulimit -c 0
+
+firstStart
+dataFiles
+crash
+nextStart
+
+heading "All steps did what they should."
+[[ ${KEEP:-} != 1 ]] || printf 'The data is in %s\n' "$scratch"
