@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
-#include <map>
+#include <string>
 
 #include "CrashReporter.h"
 #include "Platform/Foundation/Bundle.h"
@@ -18,6 +18,13 @@ std::string versionText() {
          CrashReporter::sharedInstance().sdkVersion() + ")";
 }
 
+/// What is wrong with a text as a time, "" for nothing.
+std::string isDuration(const std::string& text) {
+  double seconds = 0;
+  const bool number = CLI::detail::lexical_cast(text, seconds);
+  return number && seconds >= 0 ? "" : "SECONDS is a number from 0 on, not " + text;
+}
+
 }  // namespace
 
 OvalynOptions OvalynOptions::parse(int argc, char** argv) {
@@ -26,15 +33,19 @@ OvalynOptions OvalynOptions::parse(int argc, char** argv) {
   app.set_version_flag("--version", versionText, "Print the versions of the client and of its reporter");
   app.add_option("--collect-url", options.collectUrl, "Send reports to this http or https URL")->option_text("URL");
   app.add_option("--quit-after", options.quitAfter, "End in order after this time")
-      ->check(CLI::NonNegativeNumber)
+      ->check(isDuration)
       ->option_text("SECONDS");
-  app.add_option("--simulate", options.simulation, "Go wrong on purpose: 'signal' writes through a null pointer")
-      ->transform(CLI::CheckedTransformer(std::map<std::string, Simulation>{{"signal", Simulation::kSignal}}))
+  std::string kind;
+  app.add_option("--simulate", kind, "Go wrong on purpose: 'signal' writes through a null pointer")
+      ->check(CLI::IsMember({"signal"}))
       ->option_text("KIND");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     std::exit(app.exit(error) == 0 ? 0 : kUsageError);
+  }
+  if (kind == "signal") {
+    options.simulation = Simulation::kSignal;
   }
   return options;
 }

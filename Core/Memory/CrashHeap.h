@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <type_traits>
 
 namespace core {
 
@@ -37,7 +38,7 @@ class CrashSection {
  public:
   template <class Work>
   static bool run(Work&& work) noexcept {
-    return enter([](void* context) { (*static_cast<Work*>(context))(); }, &work);
+    return enter([](void* context) { (*static_cast<std::remove_reference_t<Work>*>(context))(); }, &work);
   }
 
   /// Leaves the innermost section, which then answers false.

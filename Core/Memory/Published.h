@@ -39,20 +39,21 @@ class Published {
 
   void set(T value) noexcept {
     const Lock lock(mutex_);
-    publish(make(std::move(value)));
+    publish(current_.load(std::memory_order_seq_cst), make(std::move(value)));
   }
 
   /// `change(T&)` on a copy, which is then published; answers what `change` answers.
   template <class Change>
   auto update(Change&& change) noexcept {
     const Lock lock(mutex_);
-    T* copy = make(*current_.load(std::memory_order_seq_cst));
+    T* const old = current_.load(std::memory_order_seq_cst);
+    T* const copy = make(*old);
     if constexpr (std::is_void_v<decltype(change(*copy))>) {
       change(*copy);
-      publish(copy);
+      publish(old, copy);
     } else {
       auto answer = change(*copy);
-      publish(copy);
+      publish(old, copy);
       return answer;
     }
   }
@@ -63,9 +64,13 @@ class Published {
     value->~T();
     core::deallocate(value);
   }
-  void publish(T* fresh) noexcept {
-    T* old = current_.exchange(fresh, std::memory_order_seq_cst);
-    if (!CrashOwner::exists()) {
+  void publish(T* old, T* fresh) noexcept {
+    if (CrashOwner::isCurrentThread()) [[unlikely]] {
+      current_.store(fresh, std::memory_order_seq_cst);
+      return;
+    }
+    // Only the owner of a crash, who needs no lock, can have come between: what it published stays.
+    if (current_.compare_exchange_strong(old, fresh, std::memory_order_seq_cst) && !CrashOwner::exists()) {
       free(old);
     }
   }

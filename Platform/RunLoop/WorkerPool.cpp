@@ -13,7 +13,7 @@ void WorkerPool::add(core::Block<void()> block) {
   Work* const work = Work::make(std::move(block));
   const std::lock_guard lock(mutex_);
   ready_.append(work);
-  startThreads();
+  startThread();
   changed_.notify_one();
 }
 
@@ -21,20 +21,25 @@ void WorkerPool::addAfter(double seconds, core::Block<void()> block) {
   Work* const work = Work::make(std::move(block));
   const std::lock_guard lock(mutex_);
   delayed_.add(Clock::monotonic().nanoseconds() + nanosecondsOf(seconds), work);
-  startThreads();
+  startThread();
   changed_.notify_all();  // whoever waits, waits for a moment that may be too late now
 }
 
-// Where the system grants no thread, the work waits for the next try.
-void WorkerPool::startThreads() {
-  while (threads_ < kThreads && Thread::start("KivWorker", [this] { serve(); })) {
+// One more where work is left without a thread that waits for it; somebody has to wait for what
+// is delayed, too. Where the system grants no thread, the work waits for the next try.
+void WorkerPool::startThread() {
+  const std::size_t wanted = ready_.size() + (delayed_.earliest() == kNever ? 0 : 1);
+  if (wanted > waiting_ && threads_ < kThreads && Thread::start("KivWorker", [this] { serve(); })) {
     ++threads_;
+    ++waiting_;  // it comes to wait at once
   }
 }
 
 void WorkerPool::serve() {
   for (;;) {
     Work::run(next());
+    const std::lock_guard lock(mutex_);
+    ++waiting_;
   }
 }
 
@@ -43,6 +48,8 @@ Work* WorkerPool::next() {
   for (;;) {
     takeInDue(Clock::monotonic().nanoseconds());
     if (Work* const work = ready_.take()) {
+      --waiting_;
+      startThread();
       return work;
     }
     if (const std::int64_t earliest = delayed_.earliest(); earliest == kNever) {

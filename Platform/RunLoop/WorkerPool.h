@@ -9,8 +9,8 @@
 
 namespace platform {
 
-/// A few threads that call blocks, begun in the order of their posting. They start with
-/// the first block and nobody ever joins them, so a pool lives as long as the process.
+/// A few threads that call blocks, begun in the order of their posting. They start as
+/// they are needed and nobody ever joins them, so a pool lives as long as the process.
 ///
 /// Any thread may post but the owner of a crash: there is a lock.
 class WorkerPool {
@@ -25,7 +25,7 @@ class WorkerPool {
   void addAfter(double seconds, core::Block<void()> block);
 
  private:
-  void startThreads();
+  void startThread();
   void serve();
   Work* next();
   void takeInDue(std::int64_t now) noexcept;
@@ -35,6 +35,7 @@ class WorkerPool {
   WorkList ready_;
   DeadlineHeap<Work*> delayed_;
   int threads_ = 0;
+  std::size_t waiting_ = 0;  // threads that have no work
 };
 
 }  // namespace platform

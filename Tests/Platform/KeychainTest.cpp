@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "Core/PropertyList/BinaryPropertyList.h"
 #include "Platform/Foundation/PropertyListFile.h"
 #include "Tests/Support/LogCapture.h"
 #include "Tests/Support/TemporaryDirectory.h"
@@ -13,7 +12,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using platform::Keychain;
+using core::Value;
 using platform::KeychainItem;
 using platform::KeychainStatus;
 
@@ -23,98 +22,67 @@ core::Data bytes(std::string_view text) {
 
 class KeychainTest : public testing::Test {
  protected:
-  static KeychainStatus statusOf(const core::Result<KeychainItem, KeychainStatus>& found) {
+  KeychainStatus statusOf(std::string_view account, std::string_view service) const {
+    const auto found = keychain_.find(account, service);
     return found ? platform::errSecSuccess : found.error();
   }
 
   test::TemporaryDirectory directory_;
   std::string path_ = directory_.file("Keychain/passwords.plist");
-  Keychain keychain_{path_};
-  KeychainItem item_{.account = "me",
-                     .service = "mail",
-                     .label = "mail of me",
-                     .accessibility = platform::kSecAttrAccessibleWhenUnlocked,
-                     .data = bytes(std::string_view("a\0\xff", 3))};
+  platform::Keychain keychain_{path_};
+  const KeychainItem item_{.account = "me", .service = "mail", .label = "mail of me", .accessibility = "ak"};
 };
 
-TEST_F(KeychainTest, AnItemIsKeptWithAllItHas) {
-  EXPECT_EQ(statusOf(keychain_.find("me", "mail")), platform::errSecItemNotFound);
-  EXPECT_FALSE(fs::exists(directory_.file("Keychain")));
-  ASSERT_EQ(keychain_.add(item_), platform::errSecSuccess);
-  EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0600));
-  EXPECT_EQ(fs::status(directory_.file("Keychain")).permissions(), fs::perms(0700));
-  const auto found = Keychain(path_).find("me", "mail");
-  ASSERT_TRUE(found);
-  EXPECT_EQ(*found, item_);
-}
-
 TEST_F(KeychainTest, AccountAndServiceTellItemsApart) {
+  EXPECT_EQ(statusOf("me", "mail"), platform::errSecItemNotFound);
+  EXPECT_FALSE(fs::exists(directory_.file("Keychain")));
+  KeychainItem other = item_;
+  other.service = "news";
+  other.data = bytes(std::string_view("a\0\xff", 3));
   ASSERT_EQ(keychain_.add(item_), platform::errSecSuccess);
   EXPECT_EQ(keychain_.add({.account = "me", .service = "mail"}), platform::errSecDuplicateItem);
-  EXPECT_EQ(keychain_.add({.account = "me", .service = "news", .data = bytes("n")}), platform::errSecSuccess);
-  EXPECT_EQ(keychain_.add({.account = "you", .service = "mail", .data = bytes("y")}), platform::errSecSuccess);
-  EXPECT_EQ(statusOf(keychain_.find("", "mail")), platform::errSecItemNotFound);
-  EXPECT_EQ(keychain_.remove("me", "web"), platform::errSecItemNotFound);
+  EXPECT_EQ(keychain_.add(other), platform::errSecSuccess);
+  EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0600));
+  EXPECT_EQ(fs::status(directory_.file("Keychain")).permissions(), fs::perms(0700));
+  EXPECT_EQ(*keychain_.find("me", "mail"), item_);
+  EXPECT_EQ(*keychain_.find("me", "news"), other);
+  EXPECT_EQ(statusOf("", "mail"), platform::errSecItemNotFound);
+  EXPECT_EQ(keychain_.remove("you", "mail"), platform::errSecItemNotFound);
   EXPECT_EQ(keychain_.remove("me", "mail"), platform::errSecSuccess);
-  EXPECT_EQ(statusOf(keychain_.find("me", "mail")), platform::errSecItemNotFound);
-  EXPECT_EQ(keychain_.find("me", "news")->data, bytes("n"));
-  EXPECT_EQ(keychain_.find("you", "mail")->data, bytes("y"));
+  EXPECT_EQ(statusOf("me", "mail"), platform::errSecItemNotFound);
+  EXPECT_EQ(statusOf("me", "news"), platform::errSecSuccess);
 }
 
 TEST_F(KeychainTest, AnUpdateNeedsTheAttributesThatItNames) {
   ASSERT_EQ(keychain_.add(item_), platform::errSecSuccess);
-  const struct {
-    KeychainItem query;
-    KeychainStatus status;
-  } cases[] = {
-      {{.account = "me", .service = "mail"}, platform::errSecSuccess},
-      {{.account = "me", .service = "mail", .label = "mail of me"}, platform::errSecSuccess},
-      {{.account = "me", .service = "mail", .label = "mail"}, platform::errSecItemNotFound},
-      {{.account = "me", .service = "mail", .accessibility = "always"}, platform::errSecItemNotFound},
-      {{.account = "me", .service = ""}, platform::errSecItemNotFound},
-      {{.itemClass = "inet", .account = "me", .service = "mail"}, platform::errSecItemNotFound},
-  };
-  int number = 0;
-  for (const auto& [query, status] : cases) {
-    const core::Data before = *keychain_.find("me", "mail")->data;
-    const core::Data after = bytes(std::to_string(++number));
-    EXPECT_EQ(keychain_.update(query, after), status) << number;
-    EXPECT_EQ(keychain_.find("me", "mail")->data, status == platform::errSecSuccess ? after : before) << number;
+  for (const auto member : {&KeychainItem::itemClass, &KeychainItem::account, &KeychainItem::service,
+                            &KeychainItem::label, &KeychainItem::accessibility}) {
+    KeychainItem query = item_;
+    query.*member = "other";
+    EXPECT_EQ(keychain_.update(query, bytes("wrong")), platform::errSecItemNotFound);
   }
-  EXPECT_EQ(keychain_.find("me", "mail")->label, "mail of me");
+  for (const KeychainItem& query : {item_, KeychainItem{.account = "me", .service = "mail"}}) {
+    KeychainItem expected = item_;
+    expected.data = bytes("new" + query.label.str());
+    EXPECT_EQ(keychain_.update(query, *expected.data), platform::errSecSuccess);
+    EXPECT_EQ(*keychain_.find("me", "mail"), expected);
+  }
 }
 
-TEST_F(KeychainTest, AnItemMayHaveLostItsData) {
-  item_.data.reset();
-  ASSERT_EQ(keychain_.add(item_), platform::errSecSuccess);
-  const auto found = keychain_.find("me", "mail");
-  ASSERT_TRUE(found);
-  EXPECT_EQ(found->data, std::nullopt);
-  EXPECT_EQ(keychain_.update(item_, bytes("new")), platform::errSecSuccess);
-  EXPECT_EQ(keychain_.find("me", "mail")->data, bytes("new"));
-}
-
-TEST_F(KeychainTest, OtherEntriesOfTheFileAreKept) {
-  const core::Value other(core::ValueDictionary{{"Class", core::Value(7)}, {"Later", core::Value("x")}});
+TEST_F(KeychainTest, TheFileIsNeverLost) {
+  const core::ValueDictionary others{
+      {"Items", Value(core::ValueArray{Value("?"), Value(core::ValueDictionary{{"Later", Value("x")}})})},
+      {"Version", Value(2)}};
   fs::create_directory(directory_.file("Keychain"));
-  ASSERT_EQ(platform::writeStoredPropertyList(path_, {{"Items", core::Value(core::ValueArray{core::Value("?"), other})},
-                                                      {"Version", core::Value(2)}}),
-            0);
-  ASSERT_EQ(keychain_.add(item_), platform::errSecSuccess);
-  ASSERT_EQ(keychain_.remove("me", "mail"), platform::errSecSuccess);
-  const auto stored = platform::readStoredPropertyList(path_).content;
-  EXPECT_EQ(stored, (core::ValueDictionary{{"Items", core::Value(core::ValueArray{core::Value("?"), other})},
-                                           {"Version", core::Value(2)}}));
-}
-
-TEST_F(KeychainTest, ADamagedFileIsSetAsideAndAnUnreadableOneLeftAlone) {
-  const test::LogCapture log;
-  fs::create_directory(directory_.file("Keychain"));
-  std::ofstream(path_) << "bplist00 damaged";
-  EXPECT_EQ(statusOf(keychain_.find("me", "mail")), platform::errSecItemNotFound);
-  EXPECT_TRUE(test::LogCapture::tookOne(path_));
+  ASSERT_EQ(platform::writeStoredPropertyList(path_, others), 0);
   EXPECT_EQ(keychain_.add(item_), platform::errSecSuccess);
-  fs::remove(path_);
+  EXPECT_EQ(keychain_.remove("me", "mail"), platform::errSecSuccess);
+  EXPECT_EQ(platform::readStoredPropertyList(path_).content, others);
+
+  const test::LogCapture log;
+  std::ofstream(path_) << "bplist00 damaged";
+  EXPECT_EQ(statusOf("me", "mail"), platform::errSecItemNotFound);
+  EXPECT_TRUE(test::LogCapture::tookOne(path_));
   fs::create_symlink(path_, path_);
   EXPECT_EQ(keychain_.add(item_), platform::errSecIO);
   EXPECT_TRUE(fs::is_symlink(path_));

@@ -2,7 +2,6 @@
 
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -13,10 +12,7 @@ namespace test {
 /// Collects what any thread logs while it lives, in place of standard error. One at a time.
 class LogCapture {
  public:
-  LogCapture() {
-    take();
-    previous_ = platform::setLogSink(&collect);
-  }
+  LogCapture() : previous_(platform::setLogSink(&collect)) { take(); }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
   ~LogCapture() { platform::setLogSink(previous_); }
@@ -37,7 +33,6 @@ class LogCapture {
     const std::lock_guard lock(mutex_);
     texts_.emplace_back(text);
   }
-
   static inline std::mutex mutex_;
   static inline std::vector<std::string> texts_;
   platform::LogSink previous_;

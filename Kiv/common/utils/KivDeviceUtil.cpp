@@ -29,6 +29,12 @@ int zoneNumber(int utcOffsetSeconds) noexcept {
   return -(minutesWest / 60 * 100 + minutesWest % 60);
 }
 
+/// Read once: an update of the system shows after the next start.
+const platform::OperatingSystemVersion& systemVersion() noexcept {
+  static const platform::OperatingSystemVersion version = platform::operatingSystemVersion();
+  return version;
+}
+
 }  // namespace
 
 core::String KivDeviceUtil::generateUUID() noexcept {
@@ -41,7 +47,7 @@ core::String KivDeviceUtil::model() noexcept {
 
 float KivDeviceUtil::getOSVerFloat() noexcept {
   static const float version = [] {
-    const platform::OperatingSystemVersion facts = platform::operatingSystemVersion();
+    const platform::OperatingSystemVersion& facts = systemVersion();
     float fraction = static_cast<float>(facts.minorVersion);
     while (fraction >= 1) {
       fraction /= 10;
@@ -52,7 +58,7 @@ float KivDeviceUtil::getOSVerFloat() noexcept {
 }
 
 core::String KivDeviceUtil::getOSVersion() noexcept {
-  const platform::OperatingSystemVersion version = platform::operatingSystemVersion();
+  const platform::OperatingSystemVersion& version = systemVersion();
   return core::kiv_format("%d.%d.%d(%@)", version.majorVersion, version.minorVersion, version.patchVersion,
                           getSystemBuildVersion());
 }
