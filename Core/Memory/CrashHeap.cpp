@@ -40,8 +40,13 @@ bool CrashHeap::reserve() noexcept {
     systemCall(SYS_munmap, region, kCapacity);
     return true;
   }
-  systemCall(SYS_madvise, region, kTouched, MADV_POPULATE_WRITE);
   return true;
+}
+
+void CrashHeap::touch() noexcept {
+  if (const std::uintptr_t region = base.load(std::memory_order_acquire)) {
+    systemCall(SYS_madvise, region, kTouched, MADV_POPULATE_WRITE);
+  }
 }
 
 void* CrashHeap::take(std::size_t bytes) noexcept {

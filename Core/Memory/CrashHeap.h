@@ -9,14 +9,18 @@ namespace core {
 /// the front and never taken back.
 class CrashHeap {
  public:
-  /// Address space reserved without swap space behind it, and how much of it is touched
-  /// ahead so that an ordinary crash brings in no new page.
+  /// Address space reserved without swap space behind it, and how much of it an ordinary crash
+  /// needs at the most.
   static constexpr std::size_t kCapacity = std::size_t{64} << 20;
   static constexpr std::size_t kTouched = std::size_t{2} << 20;
 
   /// Maps the region; once a process, later calls answer true at once. False when the
   /// address space has no room: a crash then ends every section that wants memory.
   static bool reserve() noexcept;
+
+  /// Brings the first kTouched bytes in, which takes most of a millisecond: for a background
+  /// thread. A crash that comes earlier takes its page faults.
+  static void touch() noexcept;
 
   /// The next `bytes`, aligned to 16. Never null: an exhausted region leaves the innermost
   /// CrashSection, or ends the process where there is none. Owner of the crash only.

@@ -16,6 +16,7 @@
 #include "Kiv/crashhandler/bughandler/CrashNote.h"
 #include "Kiv/crashhandler/bughandler/CrashWatchdog.h"
 #include "Kiv/crashhandler/bughandler/KivSignalNames.h"
+#include "Platform/RunLoop/DispatchQueue.h"
 
 namespace {
 
@@ -114,7 +115,9 @@ bool KivSigHandler::install() noexcept {
     kiv_log_error("signal handler already installed");
     return false;
   }
-  if (!core::CrashHeap::reserve()) {
+  if (core::CrashHeap::reserve()) {
+    platform::DispatchQueue::global().async(core::CrashHeap::touch);
+  } else {
     kiv_log_error("no address space for the crash heap");
   }
   CrashWatchdog::prepare();
