@@ -91,39 +91,6 @@ TEST(Uuid, WritesHexHighNibbleFirst) {
   EXPECT_EQ(lowerHex({}), "");
 }
 
-TEST(Text, CountsAndCutsCharacters) {
-  const struct {
-    std::string_view text;
-    std::size_t characters;
-    const char* firstTwo;
-    const char* lastTwo;
-  } cases[] = {
-      {"", 0, "", ""},
-      {"a", 1, "a", "a"},
-      {"abc", 3, "ab", "bc"},
-      {"a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", 4, "a\xC3\xA9", "\xE2\x82\xAC\xF0\x9F\x98\x80"},
-      {std::string_view("\xE2\x82\xAC", 2), 2, "\xE2\x82", "\xE2\x82"},  // cut short
-      {"\xC3\xA9\xA9\xFFz", 4, "\xC3\xA9\xA9", "\xFFz"},                 // stray bytes
-      {"\xF0\x9F\x98zz", 5, "\xF0\x9F", "zz"},                           // broken off by another character
-  };
-  for (const auto& each : cases) {
-    EXPECT_EQ(countCharacters(each.text), each.characters) << each.text;
-    EXPECT_EQ(firstCharacters(each.text, 2), each.firstTwo) << each.text;
-    EXPECT_EQ(lastCharacters(each.text, 2), each.lastTwo) << each.text;
-  }
-}
-
-TEST(Text, TrimsReplacesAndRaises) {
-  EXPECT_EQ(trimmed(" \t\r\n a b \f\n"), "a b");
-  EXPECT_EQ(trimmed(" \n "), "");
-  EXPECT_EQ(uppercased("aZ{`-\xC3\xA9"), "AZ{`-\xC3\xA9");
-  EXPECT_EQ(replacedAll("a.b..c", ".", "--"), "a--b----c");
-  EXPECT_EQ(replacedAll("aaa", "aa", "a"), "aa");
-  EXPECT_EQ(replacedAll("abc", "", "x"), "abc");
-  EXPECT_FALSE(optionalString(std::string_view()).has_value());
-  EXPECT_EQ(optionalString(""), String());
-}
-
 TEST(Value, ConvertsToNumbersAndBooleans) {
   constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
   constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
