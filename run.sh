@@ -71,6 +71,14 @@ dataFiles() {
   expect "The model file does not hold the application key" grep com.velmora.ovalyn "$scratch/model.xml"
 }
 
+stacks() {
+  ovalyn stacks --show-stacks --quit-after 0.2
+  sed -n '/^Thread/,$p' "$out" >"$scratch/stacks.txt"
+  show <"$scratch/stacks.txt"
+  expect "The start that shows stacks did not end in order" ends 0
+  expect "The main thread's stack does not reach main" grep -E '^[0-9]+ +ovalyn .* main \+' "$scratch/stacks.txt"
+}
+
 crash() {
   ovalyn crash --simulate signal
   grep -h 'Trap a fatal signal' "$log" | show || true
@@ -96,6 +104,7 @@ ulimit -c 0
 
 firstStart
 dataFiles
+stacks
 crash
 nextStart
 

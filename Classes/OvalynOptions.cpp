@@ -35,6 +35,7 @@ OvalynOptions OvalynOptions::parse(int argc, char** argv) {
   app.add_option("--quit-after", options.quitAfter, "End in order after this time")
       ->check(isDuration)
       ->option_text("SECONDS");
+  app.add_flag("--show-stacks", options.showStacks, "Print the stacks of all threads once the client runs");
   std::string kind;
   app.add_option("--simulate", kind, "Go wrong on purpose: 'signal' writes through a null pointer")
       ->check(CLI::IsMember({"signal"}))

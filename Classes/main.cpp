@@ -50,6 +50,9 @@ int main(int argc, char** argv) {
   if (options.quitAfter) {
     loop.performAfter(*options.quitAfter, [&loop] { loop.stop(); });
   }
+  if (options.showStacks) {
+    loop.performAfter(0, [&reporter] { std::cout << reporter.currentThreadStacks() << std::flush; });
+  }
   if (options.simulation == OvalynOptions::Simulation::kSignal) {
     loop.performAfter(0, simulateSignal);
   }

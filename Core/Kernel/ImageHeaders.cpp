@@ -36,16 +36,43 @@ bool ImageHeaders::read(std::uint64_t start) noexcept {
   return codeEnd_ > base_;
 }
 
-Data ImageHeaders::buildId() const noexcept {
+AddressRange ImageHeaders::segmentOfType(std::uint32_t type) const noexcept {
+  Elf64_Phdr found;
+  for (std::size_t i = 0; i < count_ && segment(i, found); ++i) {
+    if (found.p_type == type) {
+      return rangeOf(found);
+    }
+  }
+  return {};
+}
+
+AddressRange ImageHeaders::segmentCovering(std::uint64_t address) const noexcept {
+  Elf64_Phdr loaded;
+  for (std::size_t i = 0; i < count_ && segment(i, loaded); ++i) {
+    const AddressRange range = rangeOf(loaded);
+    if (loaded.p_type == PT_LOAD && address - range.start < range.size()) {
+      return range;
+    }
+  }
+  return {};
+}
+
+AddressRange ImageHeaders::buildIdPlace() const noexcept {
   Elf64_Phdr notes;
   for (std::size_t i = 0; i < count_ && segment(i, notes); ++i) {
     if (notes.p_type == PT_NOTE) {
-      if (Data id = buildIdIn(notes); !id.empty()) {
-        return id;
+      if (const AddressRange place = buildIdIn(notes); !place.empty()) {
+        return place;
       }
     }
   }
   return {};
+}
+
+Data ImageHeaders::buildId() const noexcept {
+  const AddressRange place = buildIdPlace();
+  std::uint8_t id[kMostBuildIdBytes];
+  return !place.empty() && fetch(place.start, id, place.size()) ? Data(id, place.size()) : Data();
 }
 
 bool ImageHeaders::fetch(std::uint64_t address, void* into, std::size_t size) const noexcept {
@@ -81,7 +108,13 @@ bool ImageHeaders::placeSegment(const Elf64_Phdr& segment) noexcept {
   return true;
 }
 
-Data ImageHeaders::buildIdIn(const Elf64_Phdr& notes) const noexcept {
+AddressRange ImageHeaders::rangeOf(const Elf64_Phdr& segment) const noexcept {
+  const std::uint64_t start = bias_ + segment.p_vaddr;
+  const std::uint64_t end = start + segment.p_memsz;
+  return start >= base_ && end <= end_ && start <= end ? AddressRange{start, end} : AddressRange{};
+}
+
+AddressRange ImageHeaders::buildIdIn(const Elf64_Phdr& notes) const noexcept {
   struct Head {
     Elf64_Nhdr sizes;
     char name[4];
@@ -98,8 +131,7 @@ Data ImageHeaders::buildIdIn(const Elf64_Phdr& notes) const noexcept {
     const std::size_t size = head.sizes.n_descsz;
     if (head.sizes.n_type == NT_GNU_BUILD_ID && head.sizes.n_namesz == sizeof head.name &&
         std::memcmp(head.name, ELF_NOTE_GNU, sizeof head.name) == 0 && size <= kMostBuildIdBytes) {
-      std::uint8_t id[kMostBuildIdBytes];
-      return fetch(start + content, id, size) ? Data(id, size) : Data();
+      return {start + content, start + content + size};
     }
     at = content + padded(size);
   }

@@ -2,8 +2,8 @@
 
 #include <fcntl.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "Core/Kernel/Process.h"
@@ -38,18 +38,47 @@ int memoryDescriptor() noexcept {
   return static_cast<int>(opened);
 }
 
+bool isForbidden(long result) noexcept {
+  return result == -EPERM || result == -ENOSYS;
+}
+
+/// The bytes of a result, 0 for an error.
+std::size_t countIn(long result) noexcept {
+  return result > 0 ? static_cast<std::size_t>(result) : 0;
+}
+
+long readFile(std::uint64_t address, void* into, std::size_t size) noexcept {
+  const int descriptor = memoryDescriptor();
+  return descriptor < 0 ? -EBADF : restartedSystemCall(SYS_pread64, descriptor, into, size, address);
+}
+
 }  // namespace
 
 // By thread: once the first thread has ended, the process's id stands for no memory any more.
-bool readOwnMemory(std::uint64_t address, void* into, std::size_t size) noexcept {
+OwnMemory::OwnMemory() noexcept : thread_(threadId()) {}
+
+std::size_t OwnMemory::readFront(std::uint64_t address, void* into, std::size_t size) const noexcept {
   const iovec local{into, size};
   const iovec remote{reinterpret_cast<void*>(address), size};
-  long count = systemCall(SYS_process_vm_readv, threadId(), &local, 1, &remote, 1, 0);
-  if (count == -EPERM || count == -ENOSYS) {
-    const int descriptor = memoryDescriptor();
-    count = descriptor < 0 ? -EBADF : restartedSystemCall(SYS_pread64, descriptor, into, size, address);
+  long count = systemCall(SYS_process_vm_readv, thread_, &local, 1, &remote, 1, 0);
+  if (isForbidden(count)) {
+    count = readFile(address, into, size);
   }
-  return count >= 0 && static_cast<std::size_t>(count) == size;
+  return countIn(count);
+}
+
+bool OwnMemory::gather(std::span<const iovec> pieces, void* into, std::size_t size) const noexcept {
+  const iovec local{into, size};
+  const long count = systemCall(SYS_process_vm_readv, thread_, &local, 1, pieces.data(), pieces.size(), 0);
+  if (!isForbidden(count)) {
+    return countIn(count) == size;
+  }
+  char* at = static_cast<char*>(into);
+  return std::all_of(pieces.begin(), pieces.end(), [&at](const iovec& piece) {
+    char* const place = at;
+    at += piece.iov_len;
+    return countIn(readFile(reinterpret_cast<std::uint64_t>(piece.iov_base), place, piece.iov_len)) == piece.iov_len;
+  });
 }
 
 }  // namespace core

@@ -125,6 +125,9 @@ class KIV_EXPORT CrashReporter {
   /// The newest crash log that an earlier run left in the data directory and that no run
   /// before this one has found. Empty when there is none or before installation.
   std::optional<std::string> lastCrashLogPath();
+  /// The stacks of all threads as they are now; each thread is stopped for a moment. For each its
+  /// name, where it has one, its number, a line a frame and an empty line. Takes some milliseconds.
+  std::string currentThreadStacks();
 
   // Scenes and user data -------------------------------------------------------------------
 

@@ -9,6 +9,7 @@
 #include "Kiv/compat/KivCustomizedException.h"
 #include "Kiv/crashhandler/CrashReporterState.h"
 #include "Kiv/crashhandler/bughandler/KivCrashData.h"
+#include "Kiv/crashhandler/bughandler/KivStackCollector.h"
 #include "Platform/Foundation/CallStack.h"
 #include "Platform/Foundation/NSError.h"
 #include "Platform/Foundation/NSException.h"
@@ -152,6 +153,21 @@ std::optional<std::string> CrashReporter::getCrashStack() {
 std::optional<std::string> CrashReporter::getCrashType() {
   const KivCrashData* data = questionedData();
   return data != nullptr ? toStandard(data->type()) : std::nullopt;
+}
+
+std::string CrashReporter::currentThreadStacks() {
+  KivStackCollector& collector = KivStackCollector::sharedInstance();
+  static const bool prepared = (collector.prepare(), true);
+  static_cast<void>(prepared);
+  KivStackCollector::refresh();
+  core::StringBuilder text;
+  for (const KivThreadInfo& thread : collector.liveThreads()) {
+    if (thread.threadName && !thread.threadName->empty()) {
+      core::kiv_append(text, "Thread %d Name: %@\n", thread.threadIndex, thread.threadName);
+    }
+    core::kiv_append(text, "Thread %d:\n%@\n", thread.threadIndex, thread.getCurrThreadStackLines());
+  }
+  return std::string(text.view());
 }
 
 void CrashReporter::reportError(const NSError* error, std::string_view reason, const TextMap& extraInfo) {

@@ -13,8 +13,10 @@
 #include <cstring>
 #include <utility>
 
+#include "Core/Kernel/AlternateStack.h"
 #include "Core/Kernel/Process.h"
 #include "Core/Kernel/SystemCall.h"
+#include "Core/Kernel/ThreadSuspension.h"
 #include "Core/Memory/Allocator.h"
 #include "Platform/RunLoop/Clock.h"
 
@@ -52,14 +54,13 @@ sigset_t asynchronousSignals() noexcept {
   for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) {
     sigdelset(&set, fault);
   }
-  for (int signal = SIGRTMIN; signal <= SIGRTMAX; ++signal) {
-    sigdelset(&set, signal);
-  }
+  sigdelset(&set, core::ThreadSuspension::kSignal);
   return set;
 }
 
 /// What every new thread does before its body: the place for all that a thread must have.
 void prepareThread(const core::String& name) noexcept {
+  core::AlternateStack::giveToCaller();
   char kernelName[16] = {};
   std::memcpy(kernelName, name.data(), std::min(name.size(), sizeof kernelName - 1));
   pthread_setname_np(pthread_self(), kernelName);

@@ -11,7 +11,7 @@ namespace platform {
 /// leaves it running. Every thread that the library makes is made here.
 ///
 /// Such a thread takes no asynchronous signal: they are blocked in it, but not the fault
-/// signals (SEGV, BUS, FPE, ILL, TRAP, ABRT, SYS) nor the real-time ones. All but start() is
+/// signals (SEGV, BUS, FPE, ILL, TRAP, ABRT, SYS) nor the one that suspends threads. All but start() is
 /// fit for the owner of a crash.
 class Thread {
  public:

@@ -1,3 +1,4 @@
+#include "Core/Kernel/ThreadSuspension.h"
 #include "Platform/RunLoop/Thread.h"
 
 #include <gtest/gtest.h>
@@ -25,7 +26,8 @@ TEST(ThreadTest, hasItsNameAndBlocksTheAsynchronousSignalsOnly) {
     EXPECT_EQ(Thread::current().name(), "BlockMonitorThread");
     sigset_t blocked;
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-    for (const int signal : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGRTMIN, SIGRTMAX}) {
+    for (const int signal :
+         {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, core::ThreadSuspension::kSignal}) {
       EXPECT_EQ(sigismember(&blocked, signal), 0) << signal;
     }
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGALRM, SIGPROF, SIGCHLD, SIGUSR1, SIGXFSZ}) {

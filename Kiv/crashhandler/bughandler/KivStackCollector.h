@@ -1,22 +1,82 @@
 #pragma once
 
-#include <atomic>
+#include <ucontext.h>
 
-/// Turns addresses into the frames of a report. For now only the switch that says whether the
-/// program's own frames get names.
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "Core/Kernel/ThreadList.h"
+#include "Core/Memory/Array.h"
+#include "Core/Memory/Immortal.h"
+#include "Core/Memory/Mutex.h"
+#include "Core/Memory/Published.h"
+#include "Kiv/crashhandler/bughandler/FrameCache.h"
+#include "Kiv/crashhandler/bughandler/KivThreadInfo.h"
+
+/// Takes the stacks of all threads and turns addresses into the frames of a report. Any
+/// thread, and fit for the crash path; threads are named by port (core::threadPort).
+///
+/// A frame is made once for an address and handed out again, with the index that it had first,
+/// for the life of the process; a crash has frames of its own. The image list must be loaded.
 class KivStackCollector {
  public:
-  static KivStackCollector& sharedInstance() noexcept {
-    static auto& collector = *new KivStackCollector;
-    return collector;
-  }
+  using Text = std::optional<core::String>;
+  using Threads = core::Array<KivThreadInfo>;
 
+  static KivStackCollector& sharedInstance() noexcept;
+
+  /// Opens, takes and makes what a crash must find done; at installation.
+  void prepare() noexcept;
+  /// Brings the tables of images, call frames and symbols up to date: some milliseconds, in the
+  /// background of normal running.
+  static void refresh() noexcept;
+
+  /// Whether the program's own functions are named too.
   bool needSymbol() const noexcept { return needSymbol_.load(std::memory_order_relaxed); }
   void setNeedSymbol(bool need) noexcept { needSymbol_.store(need, std::memory_order_relaxed); }
+  /// The name of the program's own image: the model's process name unless set.
+  Text procName() noexcept;
+  void setProcName(Text name) noexcept { procName_.set(std::move(name)); }
+
+  /// Fills the crash data's threads, its crashed thread among them: the one whose port differs from
+  /// `crashThread` in the low 8 bits at most, whose stack is taken from `context`. The ports
+  /// in `resumedThreads` are not stopped for their walk.
+  void collectThreads(const mcontext_t* context, std::uint32_t crashThread, const std::uint32_t* resumedThreads,
+                      std::uint32_t resumedThreadCount) noexcept;
+
+  /// The same where there is no context; the crashed thread has exactly that port, and threads that the
+  /// crash data already holds stay.
+  void collectAllThreadsWithCrashThread(std::uint32_t port) noexcept;
+
+  /// All threads as they are now; the crash data is left alone.
+  Threads liveThreads() noexcept;
+
+  /// The frames of addresses; one outside every image has none, its number is left out.
+  KivStack createAddrInfos(std::span<const std::uint64_t> addresses) noexcept;
+  std::optional<core::Shared<KivCrashAddrInfo>> createAddrInfo(std::uint64_t address, std::uint32_t index) noexcept;
+
+  /// The crashed thread that was collected last.
+  const std::optional<KivThreadInfo>& crashThreadInfo() const noexcept { return crashThreadInfo_; }
+  bool needCheckFirstLineOcMsg() const noexcept;
 
  private:
+  friend core::Immortal<KivStackCollector>;
   KivStackCollector() noexcept = default;
-  ~KivStackCollector() = delete;
+
+  using Frame = core::Shared<KivCrashAddrInfo>;
+  Threads readThreads(const core::ThreadList& list) noexcept;
+  template <class Use>
+  auto withKeptFrames(Use&& use) noexcept;
+  std::optional<Frame> keptFrame(std::uint64_t address) noexcept;
+  std::optional<Frame> makeFrame(std::uint64_t address, std::uint32_t index, std::uint64_t executing) noexcept;
 
   std::atomic<bool> needSymbol_{false};
+  core::Published<Text> procName_;
+  std::optional<KivThreadInfo> crashThreadInfo_;
+
+  core::Mutex mutex_;
+  FrameCache allAdrMaps_;         // under mutex_
+  FrameCache allAdrMapsOfCrash_;  // of the owner of a crash
 };

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+
+#include "Core/Kernel/Symbols/SymbolIndex.h"
+
+namespace core {
+
+/// The symbol indexes of the images of the process, published so that whoever names addresses,
+/// a crash too, takes no lock and sees one state for as long as it looks.
+class SymbolTables {
+  struct Table;
+
+ public:
+  /// Reads the memory map anew, makes the indexes of images that are new and drops those of
+  /// images that are gone. Takes milliseconds for large images: for a background thread in normal
+  /// running. Does nothing on the owner of a crash.
+  static void refresh() noexcept;
+
+  /// One state of the tables, which stays while the object lives. Fit for the crash path.
+  class View {
+   public:
+    View() noexcept;
+    View(const View&) = delete;
+    View& operator=(const View&) = delete;
+    ~View();
+
+    /// The function around `address`, nothing where there is none; its name lives with the view.
+    std::optional<Symbol> lookup(std::uint64_t address) const noexcept;
+
+   private:
+    const Table* table_;
+  };
+
+ private:
+  static void publish(Table* made) noexcept;
+
+  static std::atomic<Table*> current_;
+  /// Views that exist. A table that was replaced is freed once there were none after that.
+  static std::atomic<std::uint32_t> views_;
+  static Table* retired_;
+};
+
+}  // namespace core

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "Core/Memory/Array.h"
+#include "Core/Memory/Immortal.h"
+#include "Core/Memory/Published.h"
+#include "Core/Memory/String.h"
+#include "Kiv/crashhandler/bughandler/KivMachImageInfo.h"
+
+/// The process's images, in the order of core::readLoadedImages: the main program, then by
+/// address. Loaded once, then kept until somebody reloads them. Any thread; fit for the crash path.
+class KivBinaryImageCollector {
+ public:
+  using Images = core::Array<KivMachImageInfo>;
+
+  static KivBinaryImageCollector& sharedInstance() noexcept;
+
+  /// Loads the list if it is empty.
+  void loadBinarys() noexcept;
+  void reloadBinarys() noexcept;
+  /// Reloads where the memory map has other images than the list; reads the map either way.
+  void reloadBinarysIfChanged() noexcept;
+
+  Images kivBinaryInfos() const noexcept { return images_.get(); }
+  Images getAllBinarys() const noexcept { return images_.get(); }
+  /// A fresh list that is not kept; images that cannot be told are left out in silence.
+  Images collectBinaryImages() const noexcept;
+
+  /// The first image of the list with base <= address <= base + size: the end counts too.
+  std::optional<KivMachImageInfo> getImageByAddr(std::uint64_t address) const noexcept;
+
+  /// Fills the crash data's facts of the process, from the image of that name, and its list of the
+  /// other images that occur in the crash data's stacks.
+  void collectBinaryInfos(const std::optional<core::String>& processName) const noexcept;
+
+  /// Describes the image whose first page is at `header`. False for what is no image, has no
+  /// code or no build id; what could be told stands in `info` even so.
+  static bool GetImageInfo(std::uint64_t header, const core::String& name, KivMachImageInfo& info) noexcept;
+
+  /// Two lower-case digits a byte.
+  static core::String kiv_encode16(const std::uint8_t* bytes, std::size_t size) noexcept;
+  static core::String getcpu(std::int32_t type, std::int32_t subType) noexcept;
+
+ private:
+  friend core::Immortal<KivBinaryImageCollector>;
+  KivBinaryImageCollector() noexcept = default;
+
+  core::Published<Images> images_;
+};

@@ -1,0 +1,20 @@
+#include "Kiv/crashhandler/bughandler/KivSymbolicate.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "Core/Kernel/Symbols/SymbolTables.h"
+#include "Core/Text/Format.h"
+
+std::size_t kiv_symbolicate(std::uint64_t address, std::span<char, kKivSymbolBuffer> buffer) noexcept {
+  std::memset(buffer.data(), 0, buffer.size());
+  const core::SymbolTables::View symbols;
+  const auto symbol = symbols.lookup(address);
+  if (!symbol || symbol->name.empty()) {
+    return 0;
+  }
+  const core::String text = core::kiv_format("%s + %d", symbol->name, symbol->distance);
+  const std::size_t size = std::min(text.size(), buffer.size() - 1);
+  std::memcpy(buffer.data(), text.data(), size);
+  return size;
+}

@@ -1,0 +1,240 @@
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "Core/Kernel/SuspensionRound.h"
+#include "Core/Kernel/ThreadSuspension.h"
+#include "Tests/Core/Worker.h"
+
+namespace {
+
+using core::MachineContext;
+using core::Registers;
+using core::SuspendedThread;
+using core::SuspensionRound;
+using core::ThreadSuspension;
+using test::Stage;
+using test::Worker;
+using Answer = SuspendedThread::Answer;
+
+void maskAllSignals(int how) {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(how, &all, nullptr);
+}
+
+class SuspensionTest : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(ThreadSuspension::install(), 0); }
+};
+
+TEST_F(SuspensionTest, HeldThreadShowsItsState) {
+  std::atomic<bool> stop{false};
+  Worker worker([&stop] {
+    pthread_setname_np(pthread_self(), "spinner");
+    asm volatile(
+        "movq $0x1111, %%rbx; movq $0x2222, %%r12; movq $0x3333, %%rdi\n"
+        "cvtsi2sdq %%r12, %%xmm7\n"
+        "1: cmpb $0, (%0); je 1b"
+        :
+        : "a"(&stop)
+        : "rbx", "r12", "rdi", "xmm7", "memory", "cc");
+  });
+  const std::uint32_t port = core::threadPort(worker.id());
+  EXPECT_EQ(port & 0xFF, 3U);
+  MachineContext context;
+  SuspensionRound round;
+  while (!core::readThreadContext(round, port, context) || context.machine.gregs[REG_RBX] != 0x1111) {
+  }
+  double xmm7;
+  std::memcpy(&xmm7, &context.floats._xmm[7], sizeof xmm7);
+  EXPECT_EQ(xmm7, 0x2222);
+  {
+    SuspendedThread suspended = round.ask(worker.id());
+    EXPECT_EQ(suspended.wait(), Answer::kHeld);
+    EXPECT_EQ(suspended.name().view(), "spinner");
+    EXPECT_EQ(suspended.registers()[Registers::kR12], 0x2222U);
+    EXPECT_EQ(suspended.registers()[Registers::kRdi], 0x3333U);
+    EXPECT_EQ(suspended.context().gregs[REG_CSGSFS] & 0xFFFF, 0x33);
+  }
+  stop = true;
+  EXPECT_TRUE(core::readThreadContext(round, core::threadPort(core::threadId()), context));
+  const auto here = reinterpret_cast<greg_t>(__builtin_frame_address(0));
+  EXPECT_LE(context.machine.gregs[REG_RSP], here);
+  EXPECT_GT(context.machine.gregs[REG_RSP], here - 65536);
+}
+
+TEST_F(SuspensionTest, ThreadsThatBlockTheSignalShareOneBudget) {
+  constexpr int kThreads = 100;
+  int first[2];
+  int second[2];
+  ASSERT_EQ(pipe(first) + pipe(second), 0);
+  std::deque<Worker> pool;
+  for (int i = 0; i < kThreads; ++i) {
+    pool.emplace_back([&] {
+      maskAllSignals(SIG_BLOCK);
+      char byte;
+      EXPECT_EQ(read(first[0], &byte, 1), 1);
+      maskAllSignals(SIG_UNBLOCK);  // what was sent and not waited for arrives now
+      EXPECT_EQ(read(second[0], &byte, 1), 1);
+    });
+    test::awaitSleep(pool.back().id(), SYS_read);
+  }
+  for (int pass = 0; pass < 2; ++pass) {
+    SuspensionRound round;
+    const std::int64_t start = core::monotonicNanoseconds();
+    for (const Worker& worker : pool) {
+      SuspendedThread suspended = round.ask(worker.id());
+      EXPECT_EQ(suspended.wait(), Answer::kSilent);
+      const auto sleeping = core::readSleepingThread(worker.id());
+      EXPECT_EQ(suspended.registers().instructionPointer, sleeping->instructionPointer);
+      EXPECT_EQ(suspended.registers()[Registers::kRsp], sleeping->stackPointer);
+    }
+    EXPECT_LT(core::monotonicNanoseconds() - start, 400'000'000);
+  }
+  const std::string bytes(kThreads, 'x');
+  EXPECT_EQ(write(first[1], bytes.data(), bytes.size()), kThreads);
+  for (const Worker& worker : pool) {
+    Answer answer;
+    do {
+      SuspensionRound round;
+      answer = round.ask(worker.id()).wait();
+    } while (answer == Answer::kSilent);
+    EXPECT_EQ(answer, Answer::kHeld);
+  }
+  EXPECT_EQ(write(second[1], bytes.data(), bytes.size()), kThreads);
+  pool.clear();
+  for (const int end : {first[0], first[1], second[0], second[1]}) {
+    close(end);
+  }
+}
+
+TEST_F(SuspensionTest, ThreadInSigwaitIsNotGivenTheSignal) {
+  int got = 0;
+  Worker worker([&got] {
+    sigset_t all;
+    sigfillset(&all);
+    maskAllSignals(SIG_BLOCK);
+    sigwait(&all, &got);
+  });
+  test::awaitSleep(worker.id(), SYS_rt_sigtimedwait);
+  {
+    SuspensionRound round;
+    SuspendedThread suspended = round.ask(worker.id());
+    EXPECT_EQ(suspended.wait(), Answer::kSilent);
+    EXPECT_NE(suspended.registers().instructionPointer, 0U);
+  }
+  pthread_kill(worker.handle(), SIGUSR2);
+  worker.join();
+  EXPECT_EQ(got, SIGUSR2);
+}
+
+TEST_F(SuspensionTest, SignalIsSentOnlyWhileItsActionIsOurs) {
+  Stage stage;
+  Worker worker([&stage] { stage.await(1); });
+  SuspensionRound round;
+  signal(ThreadSuspension::kSignal, [](int) {});
+  EXPECT_EQ(ThreadSuspension::install(), EBUSY);
+  signal(ThreadSuspension::kSignal, SIG_DFL);
+  EXPECT_EQ(round.ask(worker.id()).wait(), Answer::kSilent);
+  EXPECT_EQ(ThreadSuspension::install(), 0);
+  EXPECT_EQ(round.ask(worker.id()).wait(), Answer::kHeld);
+  stage.enter(1);
+}
+
+TEST_F(SuspensionTest, ThreadsThatComeAndGoDoNotStopADump) {
+  std::atomic<bool> stop{false};
+  std::atomic<int> made{0};
+  Worker maker([&] {
+    while (!stop) {
+      std::thread([&made] { ++made; }).join();
+    }
+  });
+  int held = 0;
+  for (int dump = 0; dump < 300 || made < 100; ++dump) {
+    const core::ThreadList list = core::ThreadList::read();
+    ASSERT_TRUE(list.isComplete());
+    SuspensionRound round;
+    for (const int thread : list.threads()) {
+      held += round.ask(thread).wait() == Answer::kHeld;
+    }
+  }
+  stop = true;
+  maker.join();
+  EXPECT_GE(held, 200);
+  SuspensionRound round;
+  EXPECT_EQ(round.ask(maker.id()).wait(), Answer::kGone);
+  EXPECT_EQ(round.ask(core::threadId()).wait(), Answer::kRefused);
+}
+
+TEST_F(SuspensionTest, ThousandThreadsTwoAtATime) {
+  constexpr int kThreads = 1000;
+  Stage stage;
+  std::deque<Worker> workers;
+  for (int i = 0; i < kThreads; ++i) {
+    workers.emplace_back([&stage] { stage.await(1); });
+  }
+  const core::ThreadList list = core::ThreadList::read();
+  const std::span<const int> threads = list.threads();
+  EXPECT_TRUE(list.isComplete());
+  ASSERT_GE(threads.size(), kThreads + 1U);
+  EXPECT_EQ(threads.front(), getpid());
+  EXPECT_TRUE(std::is_sorted(threads.begin() + 1, threads.end(), std::less_equal<int>()));
+  int held = 0;
+  {
+    SuspensionRound round;
+    SuspendedThread next = round.ask(threads[0]);
+    for (std::size_t i = 1; i <= threads.size(); ++i) {
+      SuspendedThread current = std::move(next);
+      next = round.ask(threads[i % threads.size()]);
+      held += current.wait() == Answer::kHeld;
+    }
+  }
+  EXPECT_GE(held, kThreads * 95 / 100);  // on a busy machine some come too late
+  stage.enter(1);
+}
+
+// A crash takes over what a round on another thread holds, and the round finds nothing to undo.
+TEST_F(SuspensionTest, CrashTakesHeldThreadsOver) {
+  Stage stage;
+  Worker stalled([&stage] { stage.await(4); });
+  Worker monitor([&] {
+    SuspensionRound round;
+    {
+      SuspendedThread suspended = round.ask(stalled.id());
+      EXPECT_EQ(suspended.wait(), Answer::kHeld);
+      stage.enter(1);
+      stage.await(2);
+      EXPECT_EQ(round.ask(stalled.id()).wait(), Answer::kRefused);
+    }
+    stage.enter(3);
+  });
+  stage.await(1);
+  ASSERT_EQ(core::CrashOwner::claim(), core::CrashOwner::Claim::kFirst);
+  SuspensionRound crash;
+  std::uint64_t place;
+  {
+    SuspendedThread adopted = crash.ask(stalled.id());
+    EXPECT_EQ(adopted.answer(), Answer::kHeld);
+    place = adopted.registers().instructionPointer;
+    stage.enter(2);
+    stage.await(3);
+    EXPECT_NE(test::awaitSleep(stalled.id(), SYS_futex), place);  // still in the suspension's own futex
+  }
+  SuspendedThread held = crash.ask(stalled.id());
+  EXPECT_EQ(held.wait(), Answer::kHeld);
+  ThreadSuspension::resumeAll();
+  stage.enter(4);
+  stalled.join();
+  core::CrashOwner::release();
+}
+
+}  // namespace
