@@ -7,6 +7,7 @@
 #include "Core/Kernel/Symbols/SymbolTables.h"
 
 extern "C" {
+static int localFunction(int value) asm("localFunction");  // compilers name it differently
 __attribute__((noinline, used)) static int localFunction(int value) {
   return value + 1;
 }
