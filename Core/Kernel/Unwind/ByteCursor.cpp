@@ -7,37 +7,35 @@ namespace {
 
 constexpr unsigned kBits = 64;
 
+/// A number in pieces of 7 bits, lowest first; what is beyond 64 bits is passed over.
+struct Leb {
+  std::uint64_t value = 0;
+  unsigned shift = 0;
+  std::uint8_t last = 0;
+
+  explicit Leb(ByteCursor& cursor) noexcept {
+    do {
+      last = cursor.byte();
+      if (shift < kBits) {
+        value |= std::uint64_t{last & 0x7FU} << shift;
+      }
+      shift += 7;
+    } while ((last & 0x80) != 0);
+  }
+};
+
 }  // namespace
 
 std::uint64_t ByteCursor::longLeb() noexcept {
-  std::uint64_t value = 0;
-  std::uint8_t part = 0;
-  unsigned shift = 0;
-  do {
-    part = byte();
-    if (shift < kBits) {
-      value |= std::uint64_t{part & 0x7FU} << shift;
-    }
-    shift += 7;
-  } while ((part & 0x80) != 0);
-  return value;
+  return Leb(*this).value;
 }
 
 std::int64_t ByteCursor::signedLeb() noexcept {
-  std::uint64_t value = 0;
-  std::uint8_t part = 0;
-  unsigned shift = 0;
-  do {
-    part = byte();
-    if (shift < kBits) {
-      value |= std::uint64_t{part & 0x7FU} << shift;
-    }
-    shift += 7;
-  } while ((part & 0x80) != 0);
-  if ((part & 0x40) != 0 && shift < kBits) {
-    value |= ~std::uint64_t{0} << shift;
+  Leb number(*this);
+  if ((number.last & 0x40) != 0 && number.shift < kBits) {
+    number.value |= ~std::uint64_t{0} << number.shift;
   }
-  return static_cast<std::int64_t>(value);
+  return static_cast<std::int64_t>(number.value);
 }
 
 void ByteCursor::skip(std::uint64_t count) noexcept {
