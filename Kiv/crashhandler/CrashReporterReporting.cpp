@@ -91,6 +91,23 @@ void logException(const NSException& exception) noexcept {
                exception.reason(), joinedLines(toTexts(exception.callStackSymbols())), joinedLines(addresses));
 }
 
+/// The thread's frames with the names of functions as programmers write them.
+core::String readableStack(const KivThreadInfo& thread) {
+  core::StringBuilder text;
+  std::uint32_t index = 0;
+  for (const auto& frame : thread.threadStacks) {
+    KivCrashAddrInfo shown = *frame;
+    shown.index = index++;  // it holds the one that it had in the first stack it was met in
+    const std::string line = shown.lineStr ? shown.lineStr->str() : "";
+    const std::size_t nameEnd = line.find(' ');
+    if (line.starts_with("_Z") && nameEnd != std::string::npos) {
+      shown.lineStr = platform::demangledName(line.substr(0, nameEnd).c_str()) + line.substr(nameEnd);
+    }
+    core::kiv_append(text, "%@\n", shown.getFullStackLine());
+  }
+  return text.str();
+}
+
 }  // namespace
 
 void CrashReporter::setSceneTag(unsigned long scene) {
@@ -157,15 +174,14 @@ std::optional<std::string> CrashReporter::getCrashType() {
 
 std::string CrashReporter::currentThreadStacks() {
   KivStackCollector& collector = KivStackCollector::sharedInstance();
-  static const bool prepared = (collector.prepare(), true);
-  static_cast<void>(prepared);
+  collector.prepare();
   KivStackCollector::refresh();
   core::StringBuilder text;
   for (const KivThreadInfo& thread : collector.liveThreads()) {
     if (thread.threadName && !thread.threadName->empty()) {
       core::kiv_append(text, "Thread %d Name: %@\n", thread.threadIndex, thread.threadName);
     }
-    core::kiv_append(text, "Thread %d:\n%@\n", thread.threadIndex, thread.getCurrThreadStackLines());
+    core::kiv_append(text, "Thread %d:\n%@\n", thread.threadIndex, readableStack(thread));
   }
   return std::string(text.view());
 }

@@ -1,6 +1,7 @@
 #include "Tests/Kiv/CrashScenes.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -84,6 +85,15 @@ void divide() {
 
 }  // namespace
 
+void overflowOnceGivenAStack() {
+  std::thread([] {
+    for (stack_t stack{}; sigaltstack(nullptr, &stack) != 0 || (stack.ss_flags & SS_DISABLE) != 0;) {
+      std::this_thread::yield();
+    }
+    overflowStack(0);
+  }).detach();
+}
+
 void crash(const std::string& kind) {
   const auto nullWrite = [] { writeThrough(opaqueNull); };
   const std::map<std::string, std::function<void()>> kinds = {
@@ -110,6 +120,7 @@ void crash(const std::string& kind) {
          onFirstOpen<hang>();
          nullWrite();
        }},
+      {"by-another-thread", hang},
       {"second-fault",
        [&] {
          onFirstOpen<divide>();

@@ -11,7 +11,10 @@ namespace test {
 /// ten-faults and two-aborts (threads at once), hang (the handling never comes back from a
 /// system call), second-fault (the handling itself faults), heap-calls (a null write on a
 /// fresh thread that shows its heap calls, one malloc and one free ahead of the fault; not in
-/// sanitizer builds).
+/// sanitizer builds), by-another-thread (waits for it).
 void crash(const std::string& kind);
+
+/// Starts a thread that uses up its stack as soon as it has an alternate one.
+void overflowOnceGivenAStack();
 
 }  // namespace test

@@ -46,6 +46,13 @@ TEST(Crash, LeavesOneNoteAndEndsBySignalOfItsCause) {
   }
 }
 
+TEST(Crash, OfAStackUsedUpIsCaughtOnThreadsThatWereThereBefore) {
+  const ProbeBundle bundle;
+  const test::Outcome outcome = bundle.run({"overflow-thread", "appkey=A", "crash=by-another-thread"});
+  EXPECT_EQ(outcome.signal, SIGSEGV) << outcome.errors;
+  EXPECT_EQ(bundle.dataFiles("crash_").size(), 1U) << outcome.errors;
+}
+
 TEST(Crash, OfHandlingItselfOrThatHangsEndsByTheOriginalSignal) {
   for (const char* kind : {"hang", "second-fault"}) {
     const ProbeBundle bundle;

@@ -145,6 +145,7 @@ const std::map<std::string, std::function<void(Argument)>> kOperations = {
     {"check-exceptions", [](Argument) { print(reporter().checkNSExceptionHandler() ? "YES" : "NO"); }},
     {"test-signal", [](Argument) { reporter().testSignalError(); }},
     {"test-exception", [](Argument) { reporter().testThrowNSException(); }},
+    {"overflow-thread", [](Argument) { test::overflowOnceGivenAStack(); }},
     {"crash", [](Argument a) { test::crash(a); }},
 };
 

@@ -8,8 +8,10 @@
 #include <cstdint>
 #include <iterator>
 
+#include "Core/Kernel/KernelSignal.h"
 #include "Core/Kernel/Process.h"
 #include "Core/Kernel/SystemCall.h"
+#include "Core/Kernel/ThreadSuspension.h"
 #include "Core/Memory/CrashHeap.h"
 #include "Core/Memory/CrashOwner.h"
 #include "Kiv/common/utils/KivLog.h"
@@ -29,11 +31,13 @@ std::atomic<bool> installed{false};
 stack_t kiv_crash_stk{};
 std::atomic<int> ownedSignal{0};
 
+// No thread is stopped between its fault and the gate, where it would hold up the crash's owner.
 bool installActions() noexcept {
   struct sigaction action {};
   action.sa_sigaction = kiv_signal_handler;
   action.sa_flags = SA_ONSTACK | SA_SIGINFO;
   sigemptyset(&action.sa_mask);
+  sigaddset(&action.sa_mask, core::ThreadSuspension::kSignal);
   for (std::size_t i = 0; i < std::size(fatalsigs); ++i) {
     // Only a positive answer counts as a failure, so a refusal is taken for a success: on purpose.
     if (sigaction(fatalsigs[i], &action, &g_previousSignalHandlers[i]) > 0) {
@@ -47,21 +51,22 @@ bool installActions() noexcept {
   return true;
 }
 
-std::uint64_t bitOf(int signal) noexcept {
-  return std::uint64_t{1} << (signal - 1);
+void changeMask(int how, core::KernelSignalSet signals) noexcept {
+  core::systemCall(SYS_rt_sigprocmask, how, &signals, nullptr, sizeof signals);
 }
 
 /// A second fault that is blocked would kill the process at once, unhandled.
 void unblockFatalSignals() noexcept {
-  std::uint64_t mask = 0;
+  core::KernelSignalSet signals = 0;
   for (const int signal : fatalsigs) {
-    mask |= bitOf(signal);
+    signals |= core::signalBit(signal);
   }
-  core::systemCall(SYS_rt_sigprocmask, SIG_UNBLOCK, &mask, nullptr, sizeof mask);
+  changeMask(SIG_UNBLOCK, signals);
 }
 
-/// Waits for the owner of the crash to end the process.
+/// Waits for the owner of the crash to end the process, and lets it read this thread's stack.
 [[noreturn]] void waitAtGate() noexcept {
+  changeMask(SIG_UNBLOCK, core::signalBit(core::ThreadSuspension::kSignal));
   for (;;) {
     core::rawSystemCall(SYS_pause);
   }
@@ -69,8 +74,7 @@ void unblockFatalSignals() noexcept {
 
 /// Leaves the signal pending under the default action; it takes effect as the handler returns.
 void forward(int sig) noexcept {
-  const std::uint64_t mask = bitOf(sig);
-  core::systemCall(SYS_rt_sigprocmask, SIG_BLOCK, &mask, nullptr, sizeof mask);
+  changeMask(SIG_BLOCK, core::signalBit(sig));
   core::systemCall(SYS_tgkill, core::processId(), core::threadId(), sig);
 }
 

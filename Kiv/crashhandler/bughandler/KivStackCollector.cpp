@@ -68,6 +68,9 @@ KivStackCollector& KivStackCollector::sharedInstance() noexcept {
 }
 
 void KivStackCollector::prepare() noexcept {
+  if (isPrepared_.exchange(true)) {
+    return;
+  }
   core::ThreadList::prepare();
   if (core::ThreadSuspension::install() != 0) {
     kiv_log_warn("no signal to stop threads with");

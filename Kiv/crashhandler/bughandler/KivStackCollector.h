@@ -27,7 +27,7 @@ class KivStackCollector {
 
   static KivStackCollector& sharedInstance() noexcept;
 
-  /// Opens, takes and makes what a crash must find done; at installation.
+  /// Opens, takes and makes what a crash must find done; at installation, once a process.
   void prepare() noexcept;
   /// Brings the tables of images, call frames and symbols up to date: some milliseconds, in the
   /// background of normal running.
@@ -72,6 +72,7 @@ class KivStackCollector {
   std::optional<Frame> keptFrame(std::uint64_t address) noexcept;
   std::optional<Frame> makeFrame(std::uint64_t address, std::uint32_t index, std::uint64_t executing) noexcept;
 
+  std::atomic<bool> isPrepared_{false};
   std::atomic<bool> needSymbol_{false};
   core::Published<Text> procName_;
   std::optional<KivThreadInfo> crashThreadInfo_;

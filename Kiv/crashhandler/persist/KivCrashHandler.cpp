@@ -2,8 +2,10 @@
 
 #include "Kiv/common/utils/KivLog.h"
 #include "Kiv/crashhandler/bughandler/CrashNote.h"
+#include "Kiv/crashhandler/bughandler/ImageWatch.h"
 #include "Kiv/crashhandler/bughandler/KivNSExpHandler.h"
 #include "Kiv/crashhandler/bughandler/KivSigHandler.h"
+#include "Kiv/crashhandler/bughandler/KivStackCollector.h"
 #include "Kiv/crashhandler/persist/KivFilePersistHandler.h"
 
 KivCrashHandler& KivCrashHandler::sharedInstance() noexcept {
@@ -13,6 +15,7 @@ KivCrashHandler& KivCrashHandler::sharedInstance() noexcept {
 
 void KivCrashHandler::installHandler() noexcept {
   enabled_ = true;
+  KivStackCollector::sharedInstance().prepare();
   CrashNote::prepare(KivFilePersistHandler::sharedInstance().folderPath());
   KivSigHandler::sharedInstance().install();
   KivNSExpHandler::sharedInstance().install();
@@ -20,10 +23,12 @@ void KivCrashHandler::installHandler() noexcept {
   kiv_log_always("<KIV> Install exception handler %@, signal handler %@",
                  result(KivNSExpHandler::sharedInstance().checkHandler()),
                  result(KivSigHandler::sharedInstance().checkHandler()));
+  ImageWatch::start();
 }
 
 void KivCrashHandler::uninstallHandler() noexcept {
   enabled_ = false;
+  ImageWatch::stop();
   kiv_log_info("Uninstall crash handler.");
   KivNSExpHandler::sharedInstance().uninstall();
   KivSigHandler::sharedInstance().uninstall();
