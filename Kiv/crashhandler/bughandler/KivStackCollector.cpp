@@ -75,8 +75,7 @@ void KivStackCollector::prepare() noexcept {
   if (core::ThreadSuspension::install() != 0) {
     kiv_log_warn("no signal to stop threads with");
   }
-  core::CodeImages::refresh();
-  KivBinaryImageCollector::sharedInstance().loadBinarys();
+  KivBinaryImageCollector::sharedInstance();
   KivRegisterDataCollector::sharedInstance();
   KivCrashData::expData();
   procName();

@@ -27,10 +27,11 @@ class KivStackCollector {
 
   static KivStackCollector& sharedInstance() noexcept;
 
-  /// Opens, takes and makes what a crash must find done; at installation, once a process.
+  /// Opens and takes what a crash must have at hand; at installation, once a process.
   void prepare() noexcept;
   /// Brings the tables of images, call frames and symbols up to date: some milliseconds, in the
-  /// background of normal running.
+  /// background of normal running. A crash that comes earlier reads the first two itself, and
+  /// names no functions.
   static void refresh() noexcept;
 
   /// Whether the program's own functions are named too.
