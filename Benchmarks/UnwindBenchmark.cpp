@@ -9,10 +9,10 @@
 #include "Benchmarks/UnwindFrames.h"
 #include "Core/Kernel/Unwind/CodeImages.h"
 #include "Core/Kernel/Unwind/FrameWalk.h"
-#include "Core/Kernel/Unwind/RuleCache.h"
 
 // Walks of a stack of 31 frames, each of another function (and once of one that calls itself),
-// beside the floor under them: one read of a block and 31 look-ups in the rule cache. What glibc's backtrace takes for
+// beside the floor under them: one read of a block and 31 look-ups of a step. Nothing is remembered from walk to walk,
+// so the first is as fast as any but for what the processor has to fetch. What glibc's backtrace takes for
 // such a stack is in BacktraceBenchmark: in one process each would warm things up for the other.
 
 namespace {
@@ -33,7 +33,6 @@ void captureRegisters() {
 template <class Measure>
 void onStack(benchmark::State& state, Measure&& measure,
              void (*call)(std::size_t, const bench::Work&) = bench::callDeep) {
-  core::CodeImages::refreshIfChanged();
   const core::WalkContext context{block};
   const auto count = [&] {
     captureRegisters();
@@ -49,44 +48,44 @@ void onStack(benchmark::State& state, Measure&& measure,
   });
 }
 
-/// Times each walk for itself, after `prepare()`.
-template <class Prepare>
-void walkPrepared(benchmark::State& state, Prepare&& prepare,
-                  void (*call)(std::size_t, const bench::Work&) = bench::callDeep) {
+void walkPlain(benchmark::State& state, void (*call)(std::size_t, const bench::Work&)) {
   const auto measure = [&](const core::WalkContext& context) {
     for (auto _ : state) {
-      prepare();
-      const auto start = std::chrono::steady_clock::now();
       core::walk(registers, frames, context);
-      const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
-      state.SetIterationTime(taken.count());
     }
   };
   onStack(state, measure, call);
 }
 
-void walkWarm(benchmark::State& state) {
+/// Before the background has worked the steps out: by the call-frame tables themselves.
+void walkByTables(benchmark::State& state) {
+  core::CodeImages::refreshIfChanged();
+  walkPlain(state, bench::callDeep);
+}
+
+void walkBySteps(benchmark::State& state) {
+  core::CodeImages::refresh();
+  walkPlain(state, bench::callDeep);
+}
+
+void walkRecursion(benchmark::State& state) {
+  core::CodeImages::refresh();
+  walkPlain(state, bench::callAgain);
+}
+
+/// Each walk timed for itself, after what it needs has been driven out of the processor's caches.
+void walkWithColdProcessor(benchmark::State& state) {
+  core::CodeImages::refresh();
+  std::vector<std::uint64_t> beyondCaches(std::size_t{48} << 17);
   onStack(state, [&](const core::WalkContext& context) {
     for (auto _ : state) {
+      std::iota(beyondCaches.begin(), beyondCaches.end(), 1U);
+      benchmark::ClobberMemory();
+      const auto start = std::chrono::steady_clock::now();
       core::walk(registers, frames, context);
+      const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+      state.SetIterationTime(taken.count());
     }
-  });
-}
-
-void walkWithoutRules(benchmark::State& state) {
-  walkPrepared(state, [] { core::ruleCache.clear(); });
-}
-
-void walkWithoutRulesInRecursion(benchmark::State& state) {
-  walkPrepared(
-      state, [] { core::ruleCache.clear(); }, bench::callAgain);
-}
-
-void walkWithColdProcessor(benchmark::State& state) {
-  std::vector<std::uint64_t> beyondCaches(std::size_t{48} << 17);
-  walkPrepared(state, [&] {
-    std::iota(beyondCaches.begin(), beyondCaches.end(), 1U);
-    benchmark::ClobberMemory();
   });
 }
 
@@ -100,13 +99,17 @@ void floorBlockRead(benchmark::State& state) {
   });
 }
 
-void floorRules(benchmark::State& state) {
+void floorSteps(benchmark::State& state) {
+  core::CodeImages::refresh();
   onStack(state, [&](const core::WalkContext&) {
-    const std::uint64_t generation = core::CodeImages::View().generation();
+    const core::CodeImages::View images;
+    std::array<const core::StepTable*, kFrames> tables;
+    for (std::size_t i = 0; i < kFrames; ++i) {
+      tables[i] = &**images.covering(frames[i])->steps;
+    }
     for (auto _ : state) {
       for (std::size_t i = 0; i < kFrames; ++i) {
-        const std::uint64_t address = frames[i] - (i == 0 ? 0 : 1);
-        benchmark::DoNotOptimize(core::ruleCache.find(core::RuleCache::key(address, i == 0, generation)));
+        benchmark::DoNotOptimize(tables[i]->find(frames[i] - 1));
       }
     }
   });
@@ -125,12 +128,12 @@ void refreshAll(benchmark::State& state) {
   }
 }
 
-// The time of the process, since the stacks are another thread's.
+// The time of the process, since the stacks are another thread's. Without steps first, since they stay.
+BENCHMARK(walkByTables)->MeasureProcessCPUTime();
 BENCHMARK(floorBlockRead)->MeasureProcessCPUTime();
-BENCHMARK(floorRules)->MeasureProcessCPUTime();
-BENCHMARK(walkWarm)->MeasureProcessCPUTime();
-BENCHMARK(walkWithoutRules)->UseManualTime();
-BENCHMARK(walkWithoutRulesInRecursion)->UseManualTime();
+BENCHMARK(floorSteps)->MeasureProcessCPUTime();
+BENCHMARK(walkBySteps)->MeasureProcessCPUTime();
+BENCHMARK(walkRecursion)->MeasureProcessCPUTime();
 BENCHMARK(walkWithColdProcessor)->UseManualTime()->Iterations(200);
 BENCHMARK(refreshUnchanged);
 BENCHMARK(refreshAll);

@@ -6,21 +6,11 @@
 #include <algorithm>
 
 #include "Core/Files/File.h"
+#include "Core/Kernel/DirectoryEntries.h"
 #include "Core/Kernel/SystemCall.h"
 
 namespace core {
 namespace {
-
-/// The head of an entry as getdents64 lays it out; the name follows, NUL at its end.
-struct EntryHead {
-  std::uint64_t inode;
-  std::int64_t next;
-  std::uint16_t size;
-  std::uint8_t type;
-};
-constexpr std::size_t kNameOffset = offsetof(EntryHead, type) + 1;
-/// Room for several entries of the longest name; small, since it lies on the crash path's stack.
-constexpr std::size_t kBlock = 2048;
 
 int makeDirectory(std::string_view path, unsigned mode) noexcept {
   return errorOf(restartedSystemCall(SYS_mkdirat, AT_FDCWD, String(path).c_str(), mode));
@@ -43,18 +33,6 @@ std::string_view withoutTrailingSlashes(std::string_view path) noexcept {
     path.remove_suffix(1);
   }
   return path;
-}
-
-void appendNames(const char* block, std::size_t size, Array<String>& names) noexcept {
-  for (std::size_t at = 0; at < size;) {
-    EntryHead head;
-    std::memcpy(&head, block + at, kNameOffset);
-    const std::string_view name(block + at + kNameOffset);
-    if (name != "." && name != "..") {
-      names.append(name);
-    }
-    at += head.size;
-  }
 }
 
 }  // namespace
@@ -81,16 +59,13 @@ Result<Array<String>, int> listDirectory(const String& path) noexcept {
     return directory.error();
   }
   Array<String> names;
-  alignas(EntryHead) char block[kBlock];
-  for (;;) {
-    const long count = restartedSystemCall(SYS_getdents64, directory->descriptor(), block, sizeof block);
-    if (count < 0) {
-      return errorOf(count);
+  const long result = visitDirectory(directory->descriptor(), [&names](std::string_view name) {
+    if (name != "." && name != "..") {
+      names.append(name);
     }
-    if (count == 0) {
-      break;
-    }
-    appendNames(block, static_cast<std::size_t>(count), names);
+  });
+  if (result < 0) {
+    return errorOf(result);
   }
   std::sort(names.begin(), names.end());
   return names;

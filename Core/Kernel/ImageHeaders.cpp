@@ -3,14 +3,13 @@
 #include <algorithm>
 #include <cstring>
 
+#include "Core/Kernel/BuildIdNote.h"
 #include "Core/Kernel/OwnMemory.h"
 
 namespace core {
 namespace {
 
 constexpr std::size_t kMostSegments = 128;
-constexpr std::size_t kMostNotes = 64;
-constexpr std::size_t kMostBuildIdBytes = 64;
 /// User addresses end below this; a header that says more is corrupt.
 constexpr std::uint64_t kAddressLimit = std::uint64_t{1} << 56;
 
@@ -115,27 +114,12 @@ AddressRange ImageHeaders::rangeOf(const Elf64_Phdr& segment) const noexcept {
 }
 
 AddressRange ImageHeaders::buildIdIn(const Elf64_Phdr& notes) const noexcept {
-  struct Head {
-    Elf64_Nhdr sizes;
-    char name[4];
-  } head;
-  const std::uint64_t alignment = notes.p_align == 8 ? 8 : 4;
-  const auto padded = [alignment](std::uint64_t size) { return (size + alignment - 1) & ~(alignment - 1); };
   const std::uint64_t start = bias_ + notes.p_vaddr;
-  std::uint64_t at = 0;
-  for (std::size_t i = 0; i < kMostNotes && at + sizeof head <= notes.p_memsz; ++i) {
-    if (!fetch(start + at, &head, sizeof head)) {
-      break;
-    }
-    const std::uint64_t content = at + padded(sizeof head.sizes + head.sizes.n_namesz);
-    const std::size_t size = head.sizes.n_descsz;
-    if (head.sizes.n_type == NT_GNU_BUILD_ID && head.sizes.n_namesz == sizeof head.name &&
-        std::memcmp(head.name, ELF_NOTE_GNU, sizeof head.name) == 0 && size <= kMostBuildIdBytes) {
-      return {start + content, start + content + size};
-    }
-    at = content + padded(size);
-  }
-  return {};
+  const AddressRange found =
+      findBuildId(notes, notes.p_memsz, [this, start](std::uint64_t distance, void* into, std::size_t size) {
+        return fetch(start + distance, into, size);
+      });
+  return found.empty() ? AddressRange{} : AddressRange{start + found.start, start + found.end};
 }
 
 }  // namespace core

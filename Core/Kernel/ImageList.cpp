@@ -133,4 +133,8 @@ const LoadedImage* imageCovering(const Array<LoadedImage>& images, std::uint64_t
   return covers(*image) ? image : nullptr;
 }
 
+String readablePath(const LoadedImage& image, bool isMain) noexcept {
+  return isMain ? String("/proc/self/exe") : image.path;
+}
+
 }  // namespace core

@@ -23,6 +23,10 @@ struct LoadedImage {
 /// no process file system.
 Array<LoadedImage> readLoadedImages() noexcept;
 
+/// The path under which the image's file can be read even when it was replaced; `isMain` for the
+/// main program's.
+String readablePath(const LoadedImage& image, bool isMain) noexcept;
+
 /// A published list that is refreshed in normal running, for whoever must not read the map then.
 class ImageList {
  public:

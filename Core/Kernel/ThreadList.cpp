@@ -7,9 +7,8 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstddef>
-#include <cstring>
 
+#include "Core/Kernel/DirectoryEntries.h"
 #include "Core/Kernel/Process.h"
 #include "Core/Kernel/SystemCall.h"
 #include "Core/Kernel/TaskDirectory.h"
@@ -18,43 +17,21 @@
 namespace core {
 namespace {
 
-/// The head of an entry as getdents64 lays it out; the name follows, NUL at its end.
-struct EntryHead {
-  std::uint64_t inode;
-  std::int64_t next;
-  std::uint16_t size;
-  std::uint8_t type;
-};
-constexpr std::size_t kNameOffset = offsetof(EntryHead, type) + 1;
-constexpr std::size_t kBlock = 2048;
-
 ThreadName shortName{};
-
-void appendThreads(const char* block, std::size_t size, Array<int>& threads) noexcept {
-  for (std::size_t at = 0; at < size;) {
-    EntryHead head;
-    std::memcpy(&head, block + at, kNameOffset);
-    const std::string_view name(block + at + kNameOffset);
-    int thread = 0;
-    if (std::from_chars(name.begin(), name.end(), thread).ec == std::errc()) {
-      threads.append(thread);
-    }
-    at += head.size;
-  }
-}
 
 bool listDirectory(long directory, Array<int>& threads) noexcept {
   threads.clear();
   if (restartedSystemCall(SYS_lseek, directory, 0, SEEK_SET) != 0) {
     return false;
   }
-  alignas(EntryHead) char block[kBlock];
-  long count;
-  while ((count = restartedSystemCall(SYS_getdents64, directory, block, sizeof block)) > 0) {
-    appendThreads(block, static_cast<std::size_t>(count), threads);
-  }
+  const long result = visitDirectory(directory, [&threads](std::string_view name) {
+    int thread = 0;
+    if (std::from_chars(name.begin(), name.end(), thread).ec == std::errc()) {
+      threads.append(thread);
+    }
+  });
   // The calling thread is missing in a directory that is another one than was opened.
-  return count == 0 && threads.contains(threadId());
+  return result == 0 && threads.contains(threadId());
 }
 
 bool listFresh(Array<int>& threads) noexcept {

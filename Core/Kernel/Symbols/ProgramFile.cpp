@@ -6,14 +6,13 @@
 #include <array>
 #include <cstring>
 
+#include "Core/Kernel/BuildIdNote.h"
 #include "Core/Kernel/SystemCall.h"
 
 namespace core {
 namespace {
 
 constexpr std::size_t kMostSections = 0xFF00;
-constexpr std::size_t kMostNotes = 64;
-constexpr std::size_t kMostBuildIdBytes = 64;
 
 }  // namespace
 
@@ -78,27 +77,13 @@ bool ProgramFile::hasBuildId(const Data& id) const noexcept {
 }
 
 bool ProgramFile::hasBuildIdIn(const Elf64_Phdr& notes, const Data& id) const noexcept {
-  struct Head {
-    Elf64_Nhdr sizes;
-    char name[4];
-  } head;
-  const std::uint64_t alignment = notes.p_align == 8 ? 8 : 4;
-  const auto padded = [alignment](std::uint64_t size) { return (size + alignment - 1) & ~(alignment - 1); };
-  std::uint64_t at = 0;
-  for (std::size_t i = 0; i < kMostNotes && at + sizeof head <= notes.p_filesz; ++i) {
-    if (!read(notes.p_offset + at, &head, sizeof head)) {
-      break;
-    }
-    const std::uint64_t content = at + padded(sizeof head.sizes + head.sizes.n_namesz);
-    std::array<std::uint8_t, kMostBuildIdBytes> found;
-    if (head.sizes.n_type == NT_GNU_BUILD_ID && head.sizes.n_namesz == sizeof head.name &&
-        std::memcmp(head.name, ELF_NOTE_GNU, sizeof head.name) == 0 && head.sizes.n_descsz == id.size() &&
-        id.size() <= found.size() && read(notes.p_offset + content, found.data(), id.size())) {
-      return std::memcmp(found.data(), id.data(), id.size()) == 0;
-    }
-    at = content + padded(head.sizes.n_descsz);
-  }
-  return false;
+  const auto readNotes = [&](std::uint64_t distance, void* into, std::size_t size) {
+    return read(notes.p_offset + distance, into, size);
+  };
+  const AddressRange place = findBuildId(notes, notes.p_filesz, readNotes);
+  std::array<std::uint8_t, kMostBuildIdBytes> found;
+  return !place.empty() && place.size() == id.size() && readNotes(place.start, found.data(), id.size()) &&
+         std::memcmp(found.data(), id.data(), id.size()) == 0;
 }
 
 bool ProgramFile::hasHeadersOf(const ImageHeaders& headers) const noexcept {

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <optional>
 
 #include "Core/Kernel/Symbols/SymbolIndex.h"
+#include "Core/Memory/Viewed.h"
 
 namespace core {
 
@@ -23,24 +23,16 @@ class SymbolTables {
   class View {
    public:
     View() noexcept;
-    View(const View&) = delete;
-    View& operator=(const View&) = delete;
-    ~View();
 
     /// The function around `address`, nothing where there is none; its name lives with the view.
     std::optional<Symbol> lookup(std::uint64_t address) const noexcept;
 
    private:
-    const Table* table_;
+    Viewed<Table>::View table_;
   };
 
  private:
-  static void publish(Table* made) noexcept;
-
-  static std::atomic<Table*> current_;
-  /// Views that exist. A table that was replaced is freed once there were none after that.
-  static std::atomic<std::uint32_t> views_;
-  static Table* retired_;
+  static Viewed<Table> tables_;
 };
 
 }  // namespace core

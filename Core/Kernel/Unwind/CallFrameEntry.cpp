@@ -44,7 +44,7 @@ bool CallFrameEntry::read(const CallFrameTable& table, const OwnMemory& memory, 
     return false;
   }
   const std::uint64_t commonPlace = head.idPlace - head.id;
-  if (common.address != commonPlace && !common.read(table, memory, commonPlace)) {
+  if (commonPlace == 0 || (common.address != commonPlace && !common.read(table, memory, commonPlace))) {
     return false;
   }
   const PointerBases bases{.data = table.anchor};
@@ -56,7 +56,7 @@ bool CallFrameEntry::read(const CallFrameTable& table, const OwnMemory& memory, 
   }
   program = cursor.address();
   programEnd = head.end;
-  return !cursor.failed();
+  return !cursor.failed() && size <= ~start;  // no code runs over the end of all addresses
 }
 
 bool CallFrameCommon::read(const CallFrameTable& table, const OwnMemory& memory, std::uint64_t place) noexcept {

@@ -59,6 +59,15 @@ class Program {
     return !cursor.failed();
   }
 
+  /// Once run, where the next row starts, if there is one.
+  bool hasNext() const noexcept { return passed_; }
+  std::uint64_t nextLocation() const noexcept { return location_; }
+  /// Lets run() go on to the end of the next row.
+  void goOn() noexcept {
+    wanted_ = location_;
+    passed_ = false;
+  }
+
  private:
   bool execute(ByteCursor& cursor) noexcept {
     const std::uint8_t instruction = cursor.byte();
@@ -255,6 +264,23 @@ bool computeRow(const CallFrameTable& table, const CallFrameCommon& common, cons
   cursor.endAt(entry.programEnd);
   row = common.initial;
   return Program(table, common, memory, entry.start, address, row).run(cursor);
+}
+
+void computeRows(const CallFrameTable& table, const CallFrameCommon& common, const CallFrameEntry& entry,
+                 const OwnMemory& memory, RowReceiver receiver) noexcept {
+  TableBlock block;
+  ByteCursor cursor = table.entries.cursor(memory, block, entry.program);
+  cursor.endAt(entry.programEnd);
+  CallFrameRow row = common.initial;
+  Program program(table, common, memory, entry.start, entry.start, row);
+  const std::uint64_t end = entry.start + entry.size;
+  for (std::uint64_t start = entry.start; start < end && program.run(cursor);) {
+    const std::uint64_t next = program.nextLocation();
+    const bool isLast = !program.hasNext() || next <= start || next > end;  // an advance may run over
+    receiver.take(receiver.object, row, start, isLast ? end : next);
+    start = isLast ? end : next;
+    program.goOn();
+  }
 }
 
 }  // namespace core

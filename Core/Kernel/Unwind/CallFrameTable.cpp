@@ -1,6 +1,7 @@
 #include "Core/Kernel/Unwind/CallFrameTable.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace core {
 namespace {
@@ -65,9 +66,30 @@ ByteCursor TableStretch::cursor(const OwnMemory& memory, TableBlock& block, std:
   return {memory, block, address, end};
 }
 
+bool CallFrameTable::function(const OwnMemory& memory, std::size_t number, Function& into) const noexcept {
+  IndexPair pair;
+  if (!index.copy.empty()) {
+    pair = pairAt(index.copy.data(), number);
+  } else if (!memory.read(index.start + number * sizeof pair, &pair, sizeof pair)) {
+    return false;
+  }
+  into = {atDistance(pair.start), atDistance(pair.entry)};
+  return true;
+}
+
+void TableStretch::makeCopy(const OwnMemory& memory) noexcept {
+  const std::size_t size = end - start;
+  if (copy.size() == size) {
+    return;
+  }
+  bool isRead = false;
+  Bytes bytes = Bytes::filled(size, [&](char* into) { isRead = memory.read(start, into, size); });
+  copy = isRead ? Data(std::move(bytes)) : Data();
+}
+
 std::uint64_t CallFrameTable::find(const OwnMemory& memory, std::uint64_t address) const noexcept {
   const auto distance = static_cast<std::int64_t>(address - anchor);
-  const std::size_t count = (index.end - index.start) / sizeof(IndexPair);
+  const std::size_t count = functionCount();
   IndexPair found;
   if (count == 0) {
     return 0;
@@ -77,7 +99,7 @@ std::uint64_t CallFrameTable::find(const OwnMemory& memory, std::uint64_t addres
   } else if (!lastNotBeyond(memory, index.start, count, distance, found)) {
     return 0;
   }
-  return found.start <= distance ? anchor + static_cast<std::uint64_t>(std::int64_t{found.entry}) : 0;
+  return found.start <= distance ? atDistance(found.entry) : 0;
 }
 
 }  // namespace core

@@ -20,6 +20,8 @@ struct TableStretch {
   Data copy;
 
   bool empty() const noexcept { return start == end; }
+  /// Copies all of it, unless that is done or it cannot be read.
+  void makeCopy(const OwnMemory& memory) noexcept;
   /// From `address` to the end; at the end, and failing, for an address outside.
   ByteCursor cursor(const OwnMemory& memory, TableBlock& block, std::uint64_t address) const noexcept;
 };
@@ -32,8 +34,22 @@ struct CallFrameTable {
   TableStretch index;
   std::uint64_t anchor = 0;
 
+  /// One pair of the index as addresses.
+  struct Function {
+    std::uint64_t start = 0;
+    std::uint64_t entry = 0;
+  };
+  std::size_t functionCount() const noexcept { return (index.end - index.start) / sizeof(std::uint64_t); }
+  /// False when the pair cannot be read.
+  bool function(const OwnMemory& memory, std::size_t number, Function& into) const noexcept;
+
   /// The address of the entry of the last function that starts at or before `address`, 0 for none.
   std::uint64_t find(const OwnMemory& memory, std::uint64_t address) const noexcept;
+
+ private:
+  std::uint64_t atDistance(std::int64_t distance) const noexcept {
+    return anchor + static_cast<std::uint64_t>(distance);
+  }
 };
 
 }  // namespace core

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <utility>
 
 #include "Core/Kernel/ImageHeaders.h"
 #include "Core/Kernel/ImageList.h"
-#include "Core/Kernel/Unwind/RuleCache.h"
 #include "Core/Kernel/Unwind/TableLoader.h"
 #include "Core/Memory/CrashOwner.h"
 #include "Core/Memory/Mutex.h"
@@ -14,22 +14,25 @@ namespace core {
 
 struct CodeImages::Table {
   Array<CodeImage> images;  // by address
-  std::uint64_t generation = 1;
-  Table* older = nullptr;  // among those that are not used any more
 };
 
 namespace {
 
-/// All copies of tables together, as much as some hundred megabytes of code come with.
-constexpr std::size_t kMostCopiedBytes = std::size_t{16} << 20;
+/// What is kept of all images together, as much as some hundred megabytes of code come with.
+constexpr std::size_t kMostKeptBytes = std::size_t{16} << 20;
 constexpr std::size_t kImagesAtOnce = 32;
 
-std::size_t copiedBytes(const Array<CodeImage>& images) noexcept {
-  std::size_t sum = 0;
+std::size_t keptBytes(const CodeImage& image) noexcept {
+  return image.table.entries.copy.size() + image.table.index.copy.size() + (image.steps ? (*image.steps)->size() : 0);
+}
+
+/// What may still be kept beside those.
+std::size_t roomBeside(const Array<CodeImage>& images) noexcept {
+  std::size_t kept = 0;
   for (const CodeImage& image : images) {
-    sum += image.table.entries.copy.size() + image.table.index.copy.size();
+    kept += keptBytes(image);
   }
-  return sum;
+  return kMostKeptBytes - std::min(kept, kMostKeptBytes);
 }
 
 void setMark(CodeImage& image, const ImageHeaders& headers, const OwnMemory& memory) noexcept {
@@ -51,82 +54,96 @@ const CodeImage* imageAt(const Array<CodeImage>& images, std::uint64_t base) noe
   return found != images.end() ? found : nullptr;
 }
 
-/// The path under which the file can be read even when it was replaced.
-String filePath(const LoadedImage& image, bool isMain) noexcept {
-  return isMain ? String("/proc/self/exe") : image.path;
+void addSteps(CodeImage& image, std::size_t room) noexcept {
+  image.steps = Shared(StepTable::of(image.table, {image.codeStart, image.codeEnd}, room));
+  if ((*image.steps)->size() != 0) {
+    image.table.entries.copy = Data();  // what is left to be read there is not worth the memory
+  }
 }
 
+constinit Mutex reloading;
 constinit Mutex refreshing;
 constinit std::atomic<bool> metUnknownCode{false};
 
 }  // namespace
 
-constinit std::atomic<CodeImages::Table*> CodeImages::current_{nullptr};
-constinit std::atomic<std::uint32_t> CodeImages::views_{0};
-constinit CodeImages::Table* CodeImages::retired_ = nullptr;
+constinit Viewed<CodeImages::Table> CodeImages::tables_;
 
-void CodeImages::refresh() noexcept {
-  const Lock lock(refreshing);
+void CodeImages::reload() noexcept {
+  const Lock lock(reloading);
   const Array<LoadedImage> loaded = lock.held() ? readLoadedImages() : Array<LoadedImage>();
   if (loaded.empty()) {
     return;
   }
   const OwnMemory memory;
-  const Table* before = current_.load(std::memory_order_relaxed);
-  auto* made = new (core::allocate(sizeof(Table))) Table;
+  const Table* before = tables_.current();
+  Table made;
   Array<const LoadedImage*> fresh;
   for (const LoadedImage& image : loaded) {
     const CodeImage* known = before != nullptr ? imageAt(before->images, image.base) : nullptr;
     if (known != nullptr && isInPlace(*known, memory)) {
-      made->images.append(*known);
+      made.images.append(*known);
     } else {
       fresh.append(&image);
     }
   }
-  if (before != nullptr) {
-    made->generation = before->generation + (made->images.size() == before->images.size() ? 0 : 1);
-  }
-  TableLoader loader(kMostCopiedBytes - std::min(copiedBytes(made->images), kMostCopiedBytes));
+  TableLoader loader(roomBeside(made.images));
   for (const LoadedImage* image : fresh) {
     ImageHeaders headers;
     if (headers.read(image->base)) {
-      CodeImage& added = made->images.emplace();
+      CodeImage& added = made.images.emplace();
       added.base = headers.base();
       added.codeStart = headers.codeStart();
       added.codeEnd = headers.codeEnd();
       setMark(added, headers, memory);
-      added.table = loader.load(headers, filePath(*image, image == loaded.begin()));
+      added.table = loader.load(headers, readablePath(*image, image == loaded.begin()));
     }
   }
-  std::sort(made->images.begin(), made->images.end(),
+  std::sort(made.images.begin(), made.images.end(),
             [](const CodeImage& a, const CodeImage& b) { return a.codeStart < b.codeStart; });
-  publish(made);
+  tables_.publish(std::move(made));
 }
 
-void CodeImages::publish(Table* made) noexcept {
-  Table* before = current_.exchange(made, std::memory_order_seq_cst);
-  if (before == nullptr || CrashOwner::exists()) {
-    return;
+void CodeImages::refresh() noexcept {
+  reload();
+  if (!CrashOwner::isCurrentThread()) {
+    const Lock lock(refreshing);
+    workOutSteps();
   }
-  if ((made->generation & RuleCache::kGenerationMask) < (before->generation & RuleCache::kGenerationMask)) {
-    ruleCache.clear();
+}
+
+// It takes long enough that a dump should not wait for it: so not under the lock of reload().
+void CodeImages::workOutSteps() noexcept {
+  Array<CodeImage> images;
+  {
+    const Viewed<Table>::View view(tables_);
+    images = view.get() != nullptr ? view.get()->images : Array<CodeImage>();
   }
-  before->older = retired_;
-  retired_ = before;
-  if (views_.load(std::memory_order_seq_cst) == 0) {
-    while (retired_ != nullptr) {
-      Table* older = retired_->older;
-      retired_->~Table();
-      core::deallocate(retired_);
-      retired_ = older;
+  bool isAnyNew = false;
+  for (CodeImage& image : images) {
+    if (!image.steps) {
+      addSteps(image, roomBeside(images) + keptBytes(image));
+      isAnyNew = true;
     }
   }
+  if (!isAnyNew) {
+    return;
+  }
+  const Lock lock(reloading);
+  Table made = *tables_.current();
+  for (CodeImage& image : made.images) {
+    const CodeImage* ready = imageAt(images, image.base);
+    if (ready != nullptr && ready->mark == image.mark) {
+      image = *ready;
+    }
+  }
+  tables_.publish(std::move(made));
 }
 
 void CodeImages::refreshIfChanged() noexcept {
   const bool isTrue = View().isTrue(OwnMemory());
   if (metUnknownCode.exchange(false, std::memory_order_relaxed) || !isTrue) {
-    refresh();
+    reload();
   }
 }
 
@@ -134,38 +151,29 @@ void CodeImages::noteUnknownCode() noexcept {
   metUnknownCode.store(true, std::memory_order_relaxed);
 }
 
-CodeImages::View::View() noexcept {
-  views_.fetch_add(1, std::memory_order_seq_cst);
-  renew();
-}
-
-CodeImages::View::~View() {
-  views_.fetch_sub(1, std::memory_order_release);
-}
+CodeImages::View::View() noexcept : table_(tables_) {}
 
 void CodeImages::View::renew() noexcept {
-  table_ = current_.load(std::memory_order_seq_cst);
+  table_.renew();
 }
 
 const CodeImage* CodeImages::View::covering(std::uint64_t address) const noexcept {
-  if (table_ == nullptr) {
+  const Table* table = table_.get();
+  if (table == nullptr) {
     return nullptr;
   }
   const auto isBelow = [](std::uint64_t wanted, const CodeImage& image) { return wanted < image.codeStart; };
-  const CodeImage* const first = table_->images.begin();
-  const CodeImage* const after = std::upper_bound(first, table_->images.end(), address, isBelow);
-  return after != first && address < (after - 1)->codeEnd ? after - 1 : nullptr;
-}
-
-std::uint64_t CodeImages::View::generation() const noexcept {
-  return table_ != nullptr ? table_->generation : 1;
+  const CodeImage* const first = table->images.begin();
+  const CodeImage* const after = std::upper_bound(first, table->images.end(), address, isBelow);
+  return after != first && (after - 1)->covers(address) ? after - 1 : nullptr;
 }
 
 bool CodeImages::View::isTrue(const OwnMemory& memory) const noexcept {
-  if (table_ == nullptr) {
+  const Table* table = table_.get();
+  if (table == nullptr) {
     return false;
   }
-  const Array<CodeImage>& images = table_->images;
+  const Array<CodeImage>& images = table->images;
   std::array<iovec, kImagesAtOnce> places;
   std::array<std::array<std::uint8_t, CodeImage::kMarkSize>, kImagesAtOnce> marks;
   for (std::size_t first = 0; first < images.size(); first += kImagesAtOnce) {

@@ -8,7 +8,6 @@
 #include "Core/Kernel/Unwind/CallFrameProgram.h"
 #include "Core/Kernel/Unwind/CodeBytes.h"
 #include "Core/Kernel/Unwind/CodeImages.h"
-#include "Core/Kernel/Unwind/RuleCache.h"
 
 namespace core {
 namespace {
@@ -35,35 +34,35 @@ class Walker {
  private:
   bool step() noexcept {
     const std::uint64_t address = frame_.executing();
-    const std::uint64_t key = RuleCache::key(address, frame_.isContext(), images_.generation());
-    const StepRule rule = ruleCache.find(key);
+    if (image_ == nullptr || !image_->covers(address)) {
+      image_ = imageCovering(address);
+    }
+    if (image_ == nullptr) {
+      return isAtSignalReturn() ? stepOverSignal() : stepOutside();
+    }
+    const StepRule rule = image_->steps ? (*image_->steps)->find(address) : StepRule();
     if (rule.kind() == StepRule::kCommon) [[likely]] {
       return frame_.follow(rule);
     }
-    return rule.kind() == StepRule::kNothing && stepByTable(address, key);
+    return rule.kind() == StepRule::kNothing && stepByTable(*image_, address);
   }
 
-  [[gnu::noinline]] bool stepByTable(std::uint64_t address, std::uint64_t key) noexcept {
-    const CodeImage* image = imageCovering(address);
-    if (image == nullptr) {
-      return isAtSignalReturn() ? stepOverSignal() : stepOutside();
-    }
+  [[gnu::noinline]] bool stepByTable(const CodeImage& image, std::uint64_t address) noexcept {
     CallFrameEntry entry;
-    const std::uint64_t place = image->table.find(memory(), address);
-    const bool isCovered = place != 0 && entry.read(image->table, memory(), place, common_) && entry.covers(address);
+    const std::uint64_t place = image.table.find(memory(), address);
+    const bool isCovered = place != 0 && entry.read(image.table, memory(), place, common_) && entry.covers(address);
     // A trampoline without an entry may stand right behind a function that has one.
     if ((!isCovered || !entry.covers(frame_.address())) && isAtSignalReturn()) {
       return stepOverSignal();
     }
     CallFrameRow row;
-    if (!isCovered || !computeRow(image->table, common_, entry, memory(), address, row)) {
+    if (!isCovered || !computeRow(image.table, common_, entry, memory(), address, row)) {
       return stepWithoutEntry();
     }
     const std::optional<StepRule> rule = common_.isSignalFrame ? std::nullopt : StepRule::of(row);
     if (!rule) {
-      return frame_.follow(row, common_.isSignalFrame, image->table);
+      return frame_.follow(row, common_.isSignalFrame, image.table);
     }
-    ruleCache.insert(key, *rule);
     return rule->kind() == StepRule::kCommon && frame_.follow(*rule);
   }
 
@@ -78,7 +77,7 @@ class Walker {
       return nullptr;
     }
     hasRefreshed_ = true;
-    CodeImages::refresh();
+    CodeImages::reload();
     images_.renew();
     common_ = {};
     return images_.covering(address);
@@ -145,7 +144,8 @@ class Walker {
   CodeImages::View images_;
   StackWindow window_;
   CallFrame frame_;
-  CallFrameCommon common_;  // the one that was met last: nearly every function of an image has the same
+  const CodeImage* image_ = nullptr;  // the one that was met last
+  CallFrameCommon common_;            // the one that was met last: nearly every function of an image has the same
   bool isFirst_ = true;
   bool hasRefreshed_ = false;
   bool hadNothingToGoBy_ = false;

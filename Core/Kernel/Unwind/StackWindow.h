@@ -12,9 +12,10 @@ namespace core {
 /// system call, hardly more than a word would. The window moves up with the walk; a word
 /// behind it is read singly. Fit for the crash path.
 ///
-/// The block is the caller's, 4 KiB at least. A read costs by the page that it touches, a third of
-/// what the call itself does: the first fill takes two, which hold most stacks; later ones, which
-/// only deep stacks see, take all of the block.
+/// The block is the caller's, 4 KiB at least. A read costs by the page that it touches, a quarter of
+/// what the call itself does, and next to nothing by the byte. So the first fill takes two pages, which
+/// hold most stacks (one would only pay if four stacks in five ended in it); later ones, which only deep
+/// stacks see, take all of the block.
 class StackWindow {
  public:
   StackWindow(const OwnMemory& memory, std::span<std::uint8_t> block) noexcept : memory_(memory), block_(block) {}

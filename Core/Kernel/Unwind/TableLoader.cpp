@@ -120,12 +120,8 @@ void TableLoader::copy(TableStretch& stretch) noexcept {
   if (size > room_) {
     return;
   }
-  bool isRead = false;
-  Bytes bytes = Bytes::filled(size, [&](char* into) { isRead = memory_.read(stretch.start, into, size); });
-  if (isRead) {
-    stretch.copy = Data(std::move(bytes));
-    room_ -= size;
-  }
+  stretch.makeCopy(memory_);
+  room_ -= stretch.copy.size();
 }
 
 }  // namespace core

@@ -9,9 +9,9 @@ namespace core {
 /// Finds the call-frame information of images and makes it ready for walks.
 ///
 /// In normal running the tables are copied, for as long as `room` lasts, since copies are read
-/// without system calls and stay when an image goes, and an image without a sorted index (a
-/// plainly static program) gets one. On the owner of a crash neither is done: its walks read
-/// the image's own tables, checked.
+/// without system calls and stay when an image goes (walks need them until the steps of the image
+/// are worked out), and an image without a sorted index (a plainly static program) gets one. On the owner of a crash
+/// neither is done: its walks read the image's own tables, checked.
 class TableLoader {
  public:
   explicit TableLoader(std::size_t room) noexcept : room_(room) {}
