@@ -2,15 +2,14 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <functional>
 #include <thread>
 
 #include "Core/Kernel/SuspensionRound.h"
 #include "Core/Kernel/ThreadSuspension.h"
 #include "Tests/Core/Worker.h"
+#include "Tests/Support/Child.h"
 
 namespace {
 
@@ -43,21 +42,18 @@ void onFault(int, siginfo_t*, void*) {
   _exit((now.ss_flags & SS_ONSTACK) != 0 && now.ss_size == AlternateStack::size() ? kCaught : 1);
 }
 
-/// The status of a child process that runs `body` with a handler for faults.
-int statusOf(const std::function<void()>& body) {
-  const pid_t child = fork();
-  if (child == 0) {
+/// How a child process ends that runs `body` with a handler for faults.
+template <class Body>
+int statusOf(Body body) {
+  return test::runInChild([&] {
     struct sigaction action {};
     action.sa_sigaction = onFault;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     sigaction(SIGSEGV, &action, nullptr);
     core::ThreadSuspension::install();
     body();
-    _exit(2);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    return 2;
+  });
 }
 
 void withoutStack() {
@@ -102,7 +98,7 @@ TEST(AlternateStackTest, OverflowIsCaughtOnIt) {
               withoutStack();
               overflow(0);
             }),
-            -SIGSEGV)
+            128 + SIGSEGV)
       << "without one";
 }
 

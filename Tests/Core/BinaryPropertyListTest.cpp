@@ -162,22 +162,6 @@ TEST(BinaryPropertyList, RefusesMalformedFilesWithReasonAndPlace) {
   }
 }
 
-TEST(BinaryPropertyList, SurvivesTruncationAndCorruptionOfEveryByte) {
-  const Bytes good = encoded(ValueDictionary{{"text", "caf\u00e9"},
-                                             {"numbers", ValueArray{1, -70000, 2.5, core::Date{1}}},
-                                             {"more", ValueDictionary{{"text", true}, {"uid", core::Uid{300}}}}});
-  for (auto end = good.begin(); end != good.end(); ++end) {
-    EXPECT_FALSE(core::decodeBinaryPropertyList(Bytes(good.begin(), end)));
-  }
-  for (std::size_t i = 0; i < good.size() * 256; ++i) {
-    Bytes bytes = good;
-    bytes[i / 256] = static_cast<std::uint8_t>(i);
-    if (const auto read = core::decodeBinaryPropertyList(bytes)) {
-      EXPECT_EQ(encoded(*core::decodeBinaryPropertyList(encoded(*read))), encoded(*read)) << i;
-    }
-  }
-}
-
 TEST(BinaryPropertyList, SharedObjectsAreCheapAndBombsEnd) {
   // Each array holds the next one twice.
   const auto doubling = [](std::uint8_t levels) {

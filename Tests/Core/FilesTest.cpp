@@ -5,65 +5,28 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <thread>
 
 #include "Core/Files/Directory.h"
 #include "Core/Files/File.h"
 #include "Core/Files/RecordLock.h"
-#include "Core/Kernel/SystemCall.h"
+#include "Tests/Support/CallProbe.h"
 #include "Tests/Support/Child.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
 namespace {
 
 using core::Durability;
+using test::contentOf;
+using test::namesIn;
+using test::runWithFault;
 using test::TemporaryDirectory;
 
 std::span<const std::uint8_t> bytesOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-std::string contentOf(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-std::vector<std::string> namesIn(const std::string& path) {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(path)) {
-    names.push_back(entry.path().filename().string());
-  }
-  return names;
-}
-
-// The n-th counted system call of `work` answers `injected`; 0 ends the process there instead.
-long callsUntilFault;
-long injected;
 constexpr int kEndedByProbe = 3;
-
-long faultProbe(long) noexcept {
-  if (--callsUntilFault != 0) {
-    return 0;
-  }
-  if (injected == 0) {
-    _exit(kEndedByProbe);
-  }
-  return injected;
-}
-
-/// False once `work` made fewer than n calls.
-template <class Work>
-bool runWithFault(long n, long result, Work work) {
-  callsUntilFault = n;
-  injected = result;
-  core::setSystemCallProbe(faultProbe);
-  work();
-  core::setSystemCallProbe(nullptr);
-  return callsUntilFault <= 0;
-}
 
 const std::string kOld(70000, 'o');
 const std::string kNew(90001, 'n');
@@ -110,7 +73,8 @@ TEST(AtomicWrite, EndOfTheProcessAtEachCallLeavesOldOrNew) {
   for (; status == kEndedByProbe; ++n) {
     ASSERT_EQ(core::writeFileAtomically(path, bytesOf(kOld)), 0);
     status = test::runInChild([&] {
-      runWithFault(n, 0, [&] { core::writeFileAtomically(path, bytesOf(kNew)); });
+      runWithFault(
+          n, 0, [&] { core::writeFileAtomically(path, bytesOf(kNew)); }, [] { _exit(kEndedByProbe); });
       return 0;
     });
     EXPECT_TRUE(contentOf(path) == kOld || contentOf(path) == kNew) << n;

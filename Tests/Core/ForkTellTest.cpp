@@ -6,29 +6,23 @@
 #include <unistd.h>
 
 #include "Core/Kernel/TaskDirectory.h"
+#include "Tests/Support/Child.h"
 
 namespace {
 
 using core::ForkTell;
 using Process = ForkTell::Process;
 
-int statusOf(pid_t child) {
-  int status = -1;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 TEST(ForkTellTest, ChildrenAreToldApart) {
   ASSERT_TRUE(ForkTell::prepare());
   EXPECT_EQ(ForkTell::current(), Process::kOwn);
   core::TaskDirectory::open();
 
-  pid_t child = fork();
-  if (child == 0) {
-    const bool told = ForkTell::current() == Process::kForked && core::TaskDirectory::descriptor() == -1;
-    _exit(told && ForkTell::prepare() && ForkTell::current() == Process::kOwn ? 0 : 1);
-  }
-  EXPECT_EQ(statusOf(child), 0);
+  EXPECT_EQ(test::runInChild([] {
+              const bool told = ForkTell::current() == Process::kForked && core::TaskDirectory::descriptor() == -1;
+              return told && ForkTell::prepare() && ForkTell::current() == Process::kOwn ? 0 : 1;
+            }),
+            0);
 
   // vfork as such, which sanitizers replace by fork.
   long result;
@@ -36,8 +30,9 @@ TEST(ForkTellTest, ChildrenAreToldApart) {
   if (result == 0) {
     _exit(ForkTell::current() == Process::kVforked ? 0 : 1);
   }
-  child = static_cast<pid_t>(result);
-  EXPECT_EQ(statusOf(child), 0);
+  int status = -1;
+  waitpid(static_cast<pid_t>(result), &status, 0);
+  EXPECT_EQ(status, 0);
   EXPECT_EQ(ForkTell::current(), Process::kOwn);
 }
 

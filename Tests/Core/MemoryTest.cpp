@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <latch>
 #include <map>
 #include <memory>
 #include <random>
@@ -17,6 +16,7 @@
 #include "Core/Memory/Dictionary.h"
 #include "Core/Memory/Published.h"
 #include "Core/Memory/String.h"
+#include "Tests/Support/Child.h"
 
 namespace {
 
@@ -49,19 +49,6 @@ TEST(CrashOwner, IsTheFirstThreadAlone) {
   });
   CrashOwner::release();
   EXPECT_FALSE(CrashOwner::exists());
-  std::atomic<int> first{0};
-  std::latch start(4);
-  {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i) {
-      threads.emplace_back([&] {
-        start.arrive_and_wait();
-        first += CrashOwner::claim() == CrashOwner::Claim::kFirst ? 1 : 0;
-      });
-    }
-  }
-  EXPECT_EQ(first, 1);
-  CrashOwner::release();
 }
 
 TEST(Allocator, TakesFromTheCrashHeapOnTheOwnerAlone) {
@@ -255,47 +242,41 @@ struct Halves {
 
 TEST(Published, IsReadWholeBesideWritersAlsoByTheOwnerOfACrash) {
   const auto stress = [] {
-    CrashHeap::reserve();
     core::Published<Halves> state;
     std::atomic<bool> stop{false};
     std::atomic<bool> whole{true};
     std::atomic<int> written{0};
+    const auto look = [&] {
+      whole = state.read([](const Halves& halves) { return halves.whole(); }) && state.get().whole() && whole;
+    };
     std::vector<std::jthread> threads;
     for (int i = 0; i < 2; ++i) {
       threads.emplace_back([&, i] {
-        for (int round = 0; !stop; ++round) {
+        for (int round = 0; !stop; ++round, ++written) {
           state.update([&](Halves& halves) {
             halves.left = std::to_string(round * 2 + i);
             halves.right[0] = halves.left;
           });
-          ++written;
         }
       });
       threads.emplace_back([&] {
         while (!stop) {
-          whole = state.read([](const Halves& halves) { return halves.whole(); }) && whole;
-          whole = state.get().whole() && whole;
+          look();
         }
       });
     }
-    const auto waitForWrites = [&written](int more) {
-      for (const int start = written; written - start < more;) {
+    for (int crash = 0; crash < 20; ++crash) {
+      for (const int start = written; written - start < 20;) {
         std::this_thread::yield();
       }
-    };
-    for (int crash = 0; crash < 20; ++crash) {
-      waitForWrites(20);
-      threads.emplace_back([&] {
-        const bool first = CrashOwner::claim() == CrashOwner::Claim::kFirst;
-        whole = first && whole;
+      const bool owned = test::onCrashOwner([&] {
         for (int round = 0; round < 50; ++round) {
-          whole = state.read([](const Halves& halves) { return halves.whole(); }) && whole;
+          look();
         }
         state.set(Halves{"owner", {core::String("owner")}});
-        whole = state.get().whole() && whole;
-        CrashOwner::release();
+        look();
       });
-      threads.back().join();
+      whole = owned && whole;
     }
     stop = true;
     threads.clear();
@@ -306,20 +287,10 @@ TEST(Published, IsReadWholeBesideWritersAlsoByTheOwnerOfACrash) {
 
 TEST(Lock, OfAStoppedThreadDoesNotHoldUpTheOwner) {
   core::Mutex mutex;
-  std::latch held(1);
-  std::latch done(1);
-  std::thread holder([&] {
-    const core::Lock lock(mutex);
-    held.count_down();
-    done.wait();
-  });
-  held.wait();
-  CrashOwner::claim();
-  EXPECT_FALSE(core::Lock(mutex).held());
-  CrashOwner::release();
-  done.count_down();
-  holder.join();
-  const core::Lock lock(mutex);
+  {
+    const core::Lock held(mutex);
+    EXPECT_TRUE(test::onCrashOwner([&] { EXPECT_FALSE(core::Lock(mutex).held()); }));
+  }
   EXPECT_TRUE(core::Lock(mutex).held());
 }
 

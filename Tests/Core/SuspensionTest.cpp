@@ -73,20 +73,16 @@ TEST_F(SuspensionTest, HeldThreadShowsItsState) {
 }
 
 TEST_F(SuspensionTest, ThreadsThatBlockTheSignalShareOneBudget) {
-  constexpr int kThreads = 100;
-  int first[2];
-  int second[2];
-  ASSERT_EQ(pipe(first) + pipe(second), 0);
+  Stage stage;
   std::deque<Worker> pool;
-  for (int i = 0; i < kThreads; ++i) {
-    pool.emplace_back([&] {
+  for (int i = 0; i < 100; ++i) {
+    pool.emplace_back([&stage] {
       maskAllSignals(SIG_BLOCK);
-      char byte;
-      EXPECT_EQ(read(first[0], &byte, 1), 1);
+      stage.await(1);
       maskAllSignals(SIG_UNBLOCK);  // what was sent and not waited for arrives now
-      EXPECT_EQ(read(second[0], &byte, 1), 1);
+      stage.await(2);
     });
-    test::awaitSleep(pool.back().id(), SYS_read);
+    test::awaitSleep(pool.back().id(), SYS_futex);
   }
   for (int pass = 0; pass < 2; ++pass) {
     SuspensionRound round;
@@ -100,21 +96,16 @@ TEST_F(SuspensionTest, ThreadsThatBlockTheSignalShareOneBudget) {
     }
     EXPECT_LT(core::monotonicNanoseconds() - start, 400'000'000);
   }
-  const std::string bytes(kThreads, 'x');
-  EXPECT_EQ(write(first[1], bytes.data(), bytes.size()), kThreads);
+  stage.enter(1);
   for (const Worker& worker : pool) {
-    Answer answer;
-    do {
+    Answer answer = Answer::kSilent;
+    while (answer == Answer::kSilent) {
       SuspensionRound round;
       answer = round.ask(worker.id()).wait();
-    } while (answer == Answer::kSilent);
+    }
     EXPECT_EQ(answer, Answer::kHeld);
   }
-  EXPECT_EQ(write(second[1], bytes.data(), bytes.size()), kThreads);
-  pool.clear();
-  for (const int end : {first[0], first[1], second[0], second[1]}) {
-    close(end);
-  }
+  stage.enter(2);
 }
 
 TEST_F(SuspensionTest, ThreadInSigwaitIsNotGivenTheSignal) {

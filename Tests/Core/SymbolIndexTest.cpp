@@ -5,9 +5,7 @@
 #include <link.h>
 
 #include <atomic>
-#include <filesystem>
 #include <map>
-#include <random>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -22,8 +20,6 @@
 namespace {
 
 using test::SymbolImage;
-
-const std::filesystem::path kProgram = std::filesystem::read_symlink("/proc/self/exe");
 
 std::string text(const std::optional<core::Symbol>& symbol) {
   return symbol ? std::string(symbol->name) + "+" + std::to_string(symbol->distance) : "";
@@ -42,29 +38,6 @@ core::ImageHeaders headersOf(const core::LoadedImage& image) {
 
 /// Of libraries that count their symbols by the one hash table and by the other.
 const void* const kLibraries[] = {dlsym(RTLD_DEFAULT, "qsort_r"), dlsym(RTLD_DEFAULT, "__cxa_guard_abort")};
-
-TEST(SymbolIndex, agreesWithTheLoaderOnExportedFunctions) {
-  for (const void* code : kLibraries) {
-    const core::ImageHeaders headers = headersOf(imageAround(code));
-    const core::SymbolIndex index = core::SymbolIndex::of(headers, core::String());
-    int named = 0;
-    for (std::uint64_t at = headers.codeStart(); at < headers.codeEnd(); at += 509) {
-      Dl_info info;
-      ElfW(Sym)* symbol = nullptr;
-      const bool isKnown =
-          dladdr1(reinterpret_cast<void*>(at), &info, reinterpret_cast<void**>(&symbol), RTLD_DL_SYMENT) != 0 &&
-          symbol != nullptr && symbol->st_size != 0;
-      const auto found = index.lookup(at);
-      ASSERT_EQ(found.has_value(), isKnown) << std::hex << at - headers.base() << " " << text(found);
-      if (found) {
-        ++named;
-        EXPECT_EQ(found->start, reinterpret_cast<std::uint64_t>(info.dli_saddr));
-        EXPECT_EQ(found->distance, at - found->start);
-      }
-    }
-    EXPECT_GT(named, 100);
-  }
-}
 
 /// The names of each piece of code (start in the file, size) that nm tells.
 std::map<std::pair<std::uint64_t, std::uint64_t>, std::set<std::string>> namesByNm(const std::string& path,
@@ -183,29 +156,6 @@ TEST_F(SymbolImageTest, takesTheFileOnlyWhereItIsTheImages) {
   }
 }
 
-TEST_F(SymbolImageTest, outlivesCorruptBytesAndCutFiles) {
-  std::minstd_rand random(20261);
-  for (int round = 0; round < 3000; ++round) {
-    std::vector<std::uint8_t> bytes(image.bytes().begin(), image.bytes().end());
-    for (auto flips = random() % 4; flips != 0; --flips) {
-      bytes[random() % bytes.size()] ^= static_cast<std::uint8_t>(1U << random() % 8);
-    }
-    const bool isMemoryWhole = random() % 2 == 0;
-    loaded.load(isMemoryWhole ? image.bytes() : bytes);
-    loaded.writeFile(std::span(bytes).first(random() % 2 == 0 ? random() % bytes.size() : bytes.size()));
-    core::ImageHeaders headers;
-    if (!headers.read(loaded.base())) {
-      continue;
-    }
-    const core::SymbolIndex made = core::SymbolIndex::of(headers, loaded.filePath());
-    for (std::uint64_t offset = 0; offset < test::LoadedBytes::kRoom; offset += 0x40) {
-      const auto found = made.lookup(headers.base() + offset);
-      ASSERT_TRUE(!found || (!found->name.empty() && found->distance < found->size &&
-                             found->start + found->distance == headers.base() + offset));
-    }
-  }
-}
-
 /// A library that is opened and closed under threads that look.
 TEST(SymbolTables, followTheImagesWhileOthersLook) {
   std::atomic<bool> isOver{false};
@@ -246,13 +196,5 @@ TEST(SymbolTables, followTheImagesWhileOthersLook) {
     thread.join();
   }
 }
-
-#ifdef KIV_PLAIN_BUILD  // sanitizers do not link statically
-TEST(SymbolTables, knowAStaticProgramsOwnFunctions) {
-  const test::Outcome outcome = test::Subprocess::run({kProgram.parent_path() / "symbol_victim_static"});
-  EXPECT_EQ(outcome.exitStatus, 0);
-  EXPECT_EQ(outcome.output, "localFunction+1 qsort+0 -\n") << outcome.errors;
-}
-#endif
 
 }  // namespace

@@ -6,24 +6,19 @@
 #include <sys/syscall.h>
 
 #include "Core/Kernel/Process.h"
-#include "Core/Kernel/SystemCall.h"
 #include "Core/Kernel/TaskDirectory.h"
-#include "Core/Memory/CrashHeap.h"
-#include "Core/Memory/CrashOwner.h"
+#include "Tests/Support/CallProbe.h"
+#include "Tests/Support/Child.h"
 
 namespace {
 
 using core::ThreadList;
 
-/// Fails a number of calls as a process does that has no descriptor left.
-long openFails(long number) noexcept {
-  return number == SYS_openat ? -EMFILE : 0;
-}
+constexpr auto openFails = test::failing<SYS_openat, EMFILE>;
 
 TEST(ThreadListTest, WithoutProcessFilesTheCallerIsAlone) {
-  core::setSystemCallProbe(openFails);
+  const test::CallProbe probe(openFails);
   const ThreadList list = ThreadList::read();
-  core::setSystemCallProbe(nullptr);
   EXPECT_FALSE(list.isComplete());
   ASSERT_EQ(list.threads().size(), 1U);
   EXPECT_EQ(list.threads()[0], core::threadId());
@@ -31,16 +26,14 @@ TEST(ThreadListTest, WithoutProcessFilesTheCallerIsAlone) {
 
 TEST(ThreadListTest, CrashReadsTheDirectoryOpenedAhead) {
   ThreadList::prepare();
-  ASSERT_TRUE(core::CrashHeap::reserve());
-  ASSERT_EQ(core::CrashOwner::claim(), core::CrashOwner::Claim::kFirst);
-  core::setSystemCallProbe(openFails);
-  for (int pass = 0; pass < 2; ++pass) {
-    const ThreadList list = ThreadList::read();
-    EXPECT_TRUE(list.isComplete());
-    EXPECT_EQ(list.threads()[0], core::processId());
-  }
-  core::setSystemCallProbe(nullptr);
-  core::CrashOwner::release();
+  EXPECT_TRUE(test::onCrashOwner([] {
+    const test::CallProbe probe(openFails);
+    for (int pass = 0; pass < 2; ++pass) {
+      const ThreadList list = ThreadList::read();
+      EXPECT_TRUE(list.isComplete());
+      EXPECT_EQ(list.threads()[0], core::processId());
+    }
+  }));
 }
 
 TEST(ThreadListTest, InheritedNameIsNone) {

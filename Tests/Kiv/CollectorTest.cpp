@@ -1,7 +1,9 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <ucontext.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -9,13 +11,11 @@
 #include <cerrno>
 #include <cstring>
 #include <latch>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Core/Kernel/Process.h"
-#include "Core/Kernel/ThreadFiles.h"
 #include "Core/Kernel/ThreadList.h"
 #include "Kiv/common/utils/KivLog.h"
 #include "Kiv/crashhandler/bughandler/KivBacktrace.h"
@@ -24,6 +24,9 @@
 #include "Kiv/crashhandler/bughandler/KivRegisterDataCollector.h"
 #include "Kiv/crashhandler/bughandler/KivStackCollector.h"
 #include "Kiv/crashhandler/bughandler/KivSymbolicate.h"
+#include "Tests/Core/Worker.h"
+#include "Tests/Support/CallProbe.h"
+#include "Tests/Support/Child.h"
 #include "Tests/Support/LogCapture.h"
 
 asm(R"(
@@ -78,29 +81,22 @@ KivStack stackOf(std::initializer_list<KivCrashAddrInfo> frames) {
 /// A thread that sleeps for as long as the object lives, below `depth` calls of one function.
 class BlockedThread {
  public:
-  explicit BlockedThread(const char* name, void (*body)(BlockedThread&, int), int depth = 0)
-      : thread_([this, name, body, depth] {
+  BlockedThread(const char* name, void (*body)(BlockedThread&, int), int depth = 0)
+      : worker_([this, name, body, depth] {
           if (name != nullptr) {
             pthread_setname_np(pthread_self(), name);
           }
-          id_ = core::threadId();
           body(*this, depth);
         }) {
-    while (id_ == 0 || !core::readSleepingThread(id_)) {
-      std::this_thread::yield();
-    }
+    test::awaitSleep(id(), SYS_futex);
   }
-  ~BlockedThread() {
-    end_.count_down();
-    thread_.join();
-  }
+  ~BlockedThread() { end_.count_down(); }
   void block() { end_.wait(); }
-  int id() const { return id_; }
+  int id() const { return worker_.id(); }
 
  private:
-  std::atomic<int> id_{0};
   std::latch end_{1};
-  std::thread thread_;
+  test::Worker worker_;
 };
 
 [[gnu::noinline]] void blockBelow(BlockedThread& self, int depth) {
@@ -202,30 +198,6 @@ TEST_F(Collector, registerText) {
       "0x0000000000000006\n");
 }
 
-TEST_F(Collector, images) {
-  const auto& images = KivBinaryImageCollector::sharedInstance();
-  const KivMachImageInfo main = images.getAllBinarys()[0];
-  EXPECT_EQ(main.sname, program_invocation_short_name);
-  EXPECT_EQ(main.cpu, "x86_64");
-  EXPECT_EQ(main.uuid.size(), 32U);
-  EXPECT_EQ(images.getImageByAddr(main.base + main.size)->base, main.base);
-  const auto behind = images.getImageByAddr(main.base + main.size + 1);
-  EXPECT_TRUE(!behind || behind->base != main.base);
-  EXPECT_FALSE(images.getImageByAddr(16));
-
-  kiv_log_level = kKivLogErrorLevel;
-  const test::LogCapture log;
-  KivMachImageInfo info;
-  EXPECT_FALSE(KivBinaryImageCollector::GetImageInfo(addressOf("abcd"), "x/y", info));
-  kiv_log_level = 0;
-  EXPECT_TRUE(test::LogCapture::tookOne("<ERROR> <KIV> error mach iamge header magic 1684234849"));
-  EXPECT_EQ(info.sname, "y");
-
-  EXPECT_EQ(KivBinaryImageCollector::getcpu(7, 3), "x86");
-  EXPECT_EQ(KivBinaryImageCollector::getcpu(0x1000007, 3), "x86_64");
-  EXPECT_EQ(KivBinaryImageCollector::getcpu(0x100000c, 0x102), "cpu_12.2");
-}
-
 TEST_F(Collector, frames) {
   const std::uint64_t base = KivBinaryImageCollector::sharedInstance().getAllBinarys()[0].base;
   const auto first = collector().createAddrInfo(base + 0x27, 5);
@@ -273,7 +245,7 @@ TEST_F(Collector, frameNames) {
 }
 
 TEST_F(Collector, crashedThread) {
-  const BlockedThread named("namedOne", blockBelow);
+  const BlockedThread named("n\x01\xC3x\xC3\xA9", blockBelow);
   const BlockedThread unnamed(nullptr, blockBelow);
   ucontext_t context;
   getcontext(&context);
@@ -299,7 +271,7 @@ TEST_F(Collector, crashedThread) {
     EXPECT_TRUE(test::LogCapture::tookOne("<WARN> <KIV> Crashed thread stacks:\n(\n    0  "));
     EXPECT_EQ(crash.crashThreadInfo()->threadStacks[0]->addr,
               static_cast<std::uint64_t>(context.uc_mcontext.gregs[REG_RIP]));
-    EXPECT_EQ(*threadOf(crash.allThreadInfos(), named.id())->threadName, "namedOne");
+    EXPECT_EQ(*threadOf(crash.allThreadInfos(), named.id())->threadName, "n??x\xC3\xA9");
     EXPECT_GT(threadOf(crash.allThreadInfos(), named.id())->threadStacks.size(), 3U);
     EXPECT_EQ(*threadOf(crash.allThreadInfos(), unnamed.id())->threadName, "");
     EXPECT_FALSE(threadOf(crash.allThreadInfos(), unnamed.id())->isCrashThread);
@@ -307,23 +279,18 @@ TEST_F(Collector, crashedThread) {
 }
 
 TEST_F(Collector, liveThreads) {
-  std::vector<std::unique_ptr<BlockedThread>> threads;
-  void (*const bodies[])(BlockedThread&, int) = {blockedMain<0>, blockedMain<1>, blockedMain<2>, blockedMain<3>,
-                                                 blockedMain<4>, blockedMain<5>, blockedMain<6>, blockedMain<7>};
-  for (const auto body : bodies) {
-    threads.push_back(std::make_unique<BlockedThread>("blocked", body));
-  }
+  const BlockedThread first("first", blockedMain<0>);
+  const BlockedThread second("second", blockedMain<1>);
   data().allThreadInfos().clear();
   data().setCrashThreadInfo(std::nullopt);
-  collector().collectAllThreadsWithCrashThread(core::threadPort(threads[2]->id()) ^ 1);
+  collector().collectAllThreadsWithCrashThread(core::threadPort(first.id()) ^ 1);
   EXPECT_FALSE(data().crashThreadInfo());
-  collector().collectAllThreadsWithCrashThread(core::threadPort(threads[2]->id()));
-  EXPECT_EQ(core::ThreadList::read().threads()[data().crashThreadInfo()->threadIndex], threads[2]->id());
+  collector().collectAllThreadsWithCrashThread(core::threadPort(first.id()));
+  EXPECT_EQ(core::ThreadList::read().threads()[data().crashThreadInfo()->threadIndex], first.id());
   // The list of the first call stays.
-  EXPECT_FALSE(threadOf(data().allThreadInfos(), threads[2]->id())->isCrashThread);
-  for (std::size_t i = 0; i < threads.size(); ++i) {
-    const core::String lines = threadOf(data().allThreadInfos(), threads[i]->id())->getCurrThreadStackLines();
-    const std::string name = "blockedMainILi" + std::to_string(i) + "E";
+  EXPECT_FALSE(threadOf(data().allThreadInfos(), first.id())->isCrashThread);
+  for (const auto& [thread, name] : {std::pair(&first, "blockedMainILi0E"), {&second, "blockedMainILi1E"}}) {
+    const core::String lines = threadOf(data().allThreadInfos(), thread->id())->getCurrThreadStackLines();
     EXPECT_NE(lines.view().find(name), std::string_view::npos) << lines.view();
   }
 }
@@ -389,17 +356,84 @@ TEST_F(Collector, messageDispatch) {
   }
 }
 
-TEST_F(Collector, imagesOfStacks) {
-  const auto& images = KivBinaryImageCollector::sharedInstance();
-  const KivMachImageInfo main = images.getAllBinarys()[0];
-  data().setAllStackShortNames({"libc.so.6", main.sname});
-  images.collectBinaryInfos(main.sname);
-  EXPECT_EQ(*data().processName(), main.sname);
-  EXPECT_EQ(*data().processUUID(), main.uuid);
-  EXPECT_EQ(*data().processArch(), "x86_64");
-  EXPECT_EQ(*data().processAddr(), core::kiv_format("%#018llx", main.base));
-  ASSERT_EQ(data().crashBinInfos().size(), 1U);
-  EXPECT_EQ(data().crashBinInfos()[0].processName, "libc.so.6");
+TEST_F(Collector, imagesThatCloseDuringDumps) {
+  const BlockedThread blocked("blocked", blockedMain<8>);
+  std::atomic<bool> isOver{false};
+  std::thread opener([&] {
+    while (!isOver) {
+      void* const library = dlopen("libresolv.so.2", RTLD_NOW | RTLD_LOCAL);
+      ASSERT_NE(library, nullptr);
+      dlclose(library);
+    }
+  });
+  for (int dump = 0; dump < 100; ++dump) {
+    KivBinaryImageCollector::sharedInstance().reloadBinarysIfChanged();
+    const auto threads = collector().liveThreads();
+    EXPECT_GT(threadOf(threads, blocked.id())->threadStacks.size(), 3U);
+  }
+  isOver = true;
+  opener.join();
 }
+
+TEST_F(Collector, withoutWhatTheKernelMayForbid) {
+  const BlockedThread blocked("blocked", blockedMain<9>);
+  const auto lines = [&] { return threadOf(collector().liveThreads(), blocked.id())->getCurrThreadStackLines().str(); };
+  {
+    const test::CallProbe probe(test::failing<SYS_process_vm_readv, EPERM>);
+    EXPECT_NE(lines().find("blockedMainILi9E"), std::string::npos);
+    EXPECT_NE(lines().find("libc.so.6"), std::string::npos);
+  }
+  const test::LogCapture log;
+  ucontext_t context;
+  getcontext(&context);
+  const test::CallProbe probe(test::failing<SYS_openat, ENOENT>);
+  collector().collectThreads(&context.uc_mcontext, core::threadPort(core::threadId()), nullptr, 0);
+  EXPECT_EQ(data().allThreadInfos().size(), 1U);
+  EXPECT_TRUE(data().crashThreadInfo() && data().crashThreadInfo()->threadStacks.size() > 3);
+  EXPECT_TRUE(test::LogCapture::tookOne("<KIV> task_threads: no process file system"));
+}
+
+#ifdef KIV_PLAIN_BUILD  // sanitizers want no threads in a fork
+// The n-th system call of a crash's collection fails: it ends, and tells at least where the crash was.
+TEST_F(Collector, outlivesTheFailureOfAnyCall) {
+  enum { kMoreCalls = 3, kAllCalls = 4 };
+  const auto statusOfCrash = [](long n, int error) {
+    return test::runInChild([&] {
+      alarm(20);
+      core::ThreadList::prepare();
+      KivStackCollector::refresh();
+      const BlockedThread other("other", blockBelow, 5);
+      bool isMore = false;
+      bool isKnown = false;
+      test::onCrashOwner([&] {
+        ucontext_t context;
+        getcontext(&context);
+        const std::uint32_t port = core::threadPort(core::threadId());
+        isMore = test::runWithFault(n, -error, [&] {
+          auto& images = KivBinaryImageCollector::sharedInstance();
+          images.loadBinarys();
+          images.reloadBinarysIfChanged();
+          collector().collectThreads(&context.uc_mcontext, port, nullptr, 0);
+          images.collectBinaryInfos(core::String(program_invocation_short_name));
+          KivRegisterDataCollector::sharedInstance().collectAllRegisterInfos(0, context.uc_mcontext, false);
+        });
+        const auto& crashed = data().crashThreadInfo();
+        isKnown = crashed && !crashed->threadStacks.empty() &&
+                  crashed->threadStacks[0]->addr == std::uint64_t(context.uc_mcontext.gregs[REG_RIP]);
+      });
+      return !isKnown ? 1 : isMore ? kMoreCalls : kAllCalls;
+    });
+  };
+  for (const int error : {ENOSPC, EMFILE, EFAULT}) {
+    long n = 1;
+    int status = kMoreCalls;
+    for (; status == kMoreCalls; ++n) {
+      status = statusOfCrash(n, error);
+    }
+    EXPECT_EQ(status, kAllCalls) << "call " << n - 1 << " with error " << error;
+    EXPECT_GT(n, 50);
+  }
+}
+#endif
 
 }  // namespace

@@ -91,7 +91,7 @@ TEST(Crash, IsHandledWithoutTheHeap) {
   const test::TemporaryDirectory home;
   const std::filesystem::path tests = std::filesystem::read_symlink("/proc/self/exe").parent_path();
   const test::Outcome opened = test::Subprocess::run({tests / "kiv_plugin_host", tests / "libkiv_plugin.so"},
-                                                     {.environment = {{"HOME", home.path()}, {"XDG_DATA_HOME", {}}}});
+                                                     {{"HOME", home.path()}, {"XDG_DATA_HOME", {}}});
   EXPECT_EQ(opened.signal, SIGSEGV) << opened.errors;
   EXPECT_EQ(opened.errors.find("heap call"), std::string::npos) << opened.errors;
 }

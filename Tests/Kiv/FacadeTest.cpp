@@ -77,7 +77,10 @@ TEST(Facade, LogsTheWholeInstallation) {
                            "<key>com.velmora.orv.uuid</key><string>BUILD-1</string>");
   const test::Outcome outcome = bundle.run({"install", "show=channel", "show=appVersion", "show=bundleId"});
   EXPECT_EQ(outcome.output, "YES\nstore\n3.1\ncom.example.probe\n");
-  const Texts texts = ProbeBundle::logTexts(outcome);
+  Texts texts = ProbeBundle::logTexts(outcome);
+  // Of a sanitizer's own thread, which blocks all signals.
+  std::erase_if(texts,
+                [](const std::string& text) { return text.ends_with(" have no stack of their own for signals"); });
   ASSERT_EQ(texts.size(), 8U) << outcome.errors;
   EXPECT_EQ(texts[0], "<INFO> <KIV> enable Debug Log");
   EXPECT_EQ(texts[1], "<INFO> <KIV> set Channel to store from Info.plist");

@@ -1,21 +1,12 @@
 #include "Tests/Kiv/ProbeBundle.h"
 
-#include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <sstream>
 
 namespace test {
-namespace {
 
 namespace fs = std::filesystem;
-
-void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary) << content;
-}
-
-}  // namespace
 
 ProbeBundle::ProbeBundle(const std::string& info) {
   fs::create_directories(directory_.file("bundle"));
@@ -30,39 +21,18 @@ ProbeBundle::ProbeBundle(const std::string& info) {
             "</string>" + info + "</dict></plist>");
 }
 
-Outcome ProbeBundle::run(const std::vector<std::string>& operations, SubprocessOptions options) const {
+Outcome ProbeBundle::run(const std::vector<std::string>& operations, Environment environment) const {
   std::vector<std::string> command = {probePath()};
   command.insert(command.end(), operations.begin(), operations.end());
-  options.environment.emplace("HOME", directory_.file("home"));
+  environment.emplace("HOME", directory_.file("home"));
   for (const char* variable : {"XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME"}) {
-    options.environment.emplace(variable, std::nullopt);
+    environment.emplace(variable, std::nullopt);
   }
-  return Subprocess::run(command, std::move(options));
+  return Subprocess::run(command, environment);
 }
 
 std::string ProbeBundle::dataPath(const std::string& name) const {
   return directory_.file("home/.local/share/com.velmora.kiv/" + std::string(kIdentifier) + "/" + name);
-}
-
-void ProbeBundle::writeInfo(const std::string& text) const {
-  writeFile(directory_.file("bundle/Info.plist"), text);
-}
-
-void ProbeBundle::writeData(const std::string& name, const std::string& content) const {
-  fs::create_directories(dataPath());
-  writeFile(dataPath(name), content);
-}
-
-std::vector<std::string> ProbeBundle::dataFiles(const std::string& prefix) const {
-  std::vector<std::string> names;
-  std::error_code none;
-  for (const auto& entry : fs::directory_iterator(dataPath(), none)) {
-    if (const std::string name = entry.path().filename(); name.starts_with(prefix)) {
-      names.push_back(name);
-    }
-  }
-  std::sort(names.begin(), names.end());
-  return names;
 }
 
 std::vector<std::string> ProbeBundle::logTexts(const Outcome& outcome) {
@@ -78,12 +48,6 @@ std::vector<std::string> ProbeBundle::logTexts(const Outcome& outcome) {
     }
   }
   return texts;
-}
-
-std::string contentOf(const std::string& path) {
-  std::ostringstream content;
-  content << std::ifstream(path, std::ios::binary).rdbuf();
-  return content.str();
 }
 
 }  // namespace test

@@ -18,14 +18,14 @@ class ProbeBundle {
   explicit ProbeBundle(const std::string& info = "");
 
   /// Runs operations of Probe.cpp.
-  Outcome run(const std::vector<std::string>& operations, SubprocessOptions options = {}) const;
+  Outcome run(const std::vector<std::string>& operations, Environment environment = {}) const;
 
   std::string probePath() const { return directory_.file("bundle/probe"); }
   std::string dataPath(const std::string& name = "") const;
-  void writeInfo(const std::string& text) const;
-  void writeData(const std::string& name, const std::string& content) const;
+  void writeInfo(const std::string& text) const { writeFile(directory_.file("bundle/Info.plist"), text); }
+  void writeData(const std::string& name, const std::string& content) const { writeFile(dataPath(name), content); }
   /// Names in the data directory that begin with `prefix`.
-  std::vector<std::string> dataFiles(const std::string& prefix = "") const;
+  std::vector<std::string> dataFiles(const std::string& prefix) const { return namesIn(dataPath(), prefix); }
 
   /// The texts of the log lines that `outcome` wrote, without time and process.
   static std::vector<std::string> logTexts(const Outcome& outcome);
@@ -33,8 +33,5 @@ class ProbeBundle {
  private:
   TemporaryDirectory directory_;
 };
-
-/// The content of a file, "" when it cannot be read.
-std::string contentOf(const std::string& path);
 
 }  // namespace test

@@ -13,10 +13,9 @@
 #include <vector>
 
 #include "Core/Kernel/Process.h"
-#include "Core/Memory/CrashHeap.h"
-#include "Core/Memory/CrashOwner.h"
 #include "Platform/RunLoop/RunLoop.h"
 #include "Platform/RunLoop/Thread.h"
+#include "Tests/Support/Child.h"
 
 namespace {
 
@@ -114,7 +113,6 @@ TEST(DispatchQueueTest, delayedBlocksOfTheGlobalQueueComeInTime) {
 
 // The global queue has four threads: all are made to wait.
 TEST(DispatchQueueTest, theOwnerOfACrashIsServedInlineWhateverTheOthersDo) {
-  ASSERT_TRUE(core::CrashHeap::reserve());
   const auto busy = std::make_shared<std::latch>(5);
   const auto release = std::make_shared<std::latch>(1);
   for (int i = 0; i < 4; ++i) {
@@ -122,13 +120,11 @@ TEST(DispatchQueueTest, theOwnerOfACrashIsServedInlineWhateverTheOthersDo) {
   }
   busy->arrive_and_wait();
   std::string trace;
-  std::thread([&trace] {
-    ASSERT_EQ(core::CrashOwner::claim(), core::CrashOwner::Claim::kFirst);
+  EXPECT_TRUE(test::onCrashOwner([&trace] {
     DispatchQueue::global().async([&trace] { trace += "global "; });
     DispatchQueue::global().asyncAfter(0, [&trace] { trace += "dropped "; });
     DispatchQueue::main().async([&trace] { trace += "main "; });
-    core::CrashOwner::release();
-  }).join();
+  }));
   EXPECT_EQ(trace, "global main ");
   release->count_down();
 }

@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "Core/Kernel/Process.h"
 #include "Core/Memory/CrashOwner.h"
 #include "Core/Text/Format.h"
@@ -23,8 +20,7 @@ struct Host {
   platform::HostFiles files{directory.path(), directory.path()};
 
   platform::HostFiles with(const std::string& name, std::string_view text) const {
-    std::filesystem::create_directories(std::filesystem::path(directory.file(name)).parent_path());
-    std::ofstream(directory.file(name)) << text;
+    test::writeFile(directory.file(name), text);
     return files;
   }
 };

@@ -7,8 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "Core/Memory/CrashHeap.h"
-#include "Core/Memory/CrashOwner.h"
+#include "Tests/Support/Child.h"
 
 namespace {
 
@@ -80,15 +79,10 @@ TEST(NotificationCenterTest, threadsPostWhileOthersComeAndGo) {
 }
 
 TEST(NotificationCenterTest, theOwnerOfACrashPostsFromItsOwnMemory) {
-  ASSERT_TRUE(core::CrashHeap::reserve());
   NotificationCenter center;
   core::String seen;
   (void)center.addObserver("crashed", [&](const Notification& posted) { seen = posted.name; });
-  std::thread([&] {
-    ASSERT_EQ(core::CrashOwner::claim(), core::CrashOwner::Claim::kFirst);
-    center.post("crashed", "while it is handled");
-    core::CrashOwner::release();
-  }).join();
+  EXPECT_TRUE(test::onCrashOwner([&] { center.post("crashed", "while it is handled"); }));
   EXPECT_EQ(seen, "crashed");
   EXPECT_TRUE(core::CrashHeap::contains(seen.data()));
 }

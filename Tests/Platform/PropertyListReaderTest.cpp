@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <string>
 #include <vector>
@@ -19,6 +18,7 @@ namespace {
 using core::Value;
 using core::ValueArray;
 using core::ValueDictionary;
+using test::writeFile;
 
 core::Result<Value> read(std::string_view text) {
   return platform::readPropertyList({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
@@ -28,19 +28,12 @@ std::string plist(std::string_view inner) {
   return "<plist version=\"1.0\">" + std::string(inner) + "</plist>";
 }
 
-void writeFile(const std::string& path, std::string_view content) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream(path, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
-}
-
 std::string nestedArrays(int levels) {
-  std::string begin;
-  std::string end;
+  std::string arrays;
   for (int i = 0; i < levels; ++i) {
-    begin += "<array>";
-    end += "</array>";
+    arrays.insert(arrays.size() / 15 * 7, "<array></array>");
   }
-  return plist(begin + end);
+  return plist(arrays);
 }
 
 TEST(PropertyListReader, ReadsXml) {
@@ -130,8 +123,7 @@ TEST(PropertyListReader, AgreesWithAnIndependentProgram) {
     const test::Outcome outcome =
         test::Subprocess::run({"plistutil", "-i", directory.file("in"), "-f", format, "-o", out});
     EXPECT_EQ(outcome.exitStatus, 0) << "plistutil (package libplist-utils) is needed here. " << outcome.errors;
-    std::ifstream file(out, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), {});
+    return test::contentOf(out);
   };
   const Value value = ValueDictionary{{"caf\u00e9 \U0001F600", ValueArray{0, -1, std::int64_t{1} << 40, "x", "x"}},
                                       {"large", std::numeric_limits<std::uint64_t>::max()},

@@ -7,7 +7,6 @@
 #include <fstream>
 #include <list>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 #include "Core/Files/RecordLock.h"
@@ -50,11 +49,7 @@ class HeldQueue final : public platform::DispatchQueue {
 class UserDefaultsTest : public testing::Test {
  protected:
   UserDefaults open() { return UserDefaults(path_, queue_); }
-  std::string content() const {
-    std::stringstream text;
-    text << std::ifstream(path_).rdbuf();
-    return text.str();
-  }
+  std::string content() const { return test::contentOf(path_); }
   ValueDictionary stored() const {
     const std::string text = content();
     const auto value = core::decodeBinaryPropertyList(core::Data(text.data(), text.size()).span());
@@ -168,10 +163,8 @@ TEST_F(UserDefaultsTest, AFileThatCannotBeUnderstoodIsSetAside) {
     defaults.setObject("key", Value(1));
     EXPECT_TRUE(defaults.synchronize());
     EXPECT_EQ(stored().size(), 1U);
-    for (const auto& entry : fs::directory_iterator(directory.path())) {
-      path_ = entry.path().string().find(".broken-") != std::string::npos ? entry.path().string() : path_;
-    }
-    EXPECT_EQ(content(), broken);
+    const auto aside = test::namesIn(directory.path(), "org.example.plist.broken-");
+    EXPECT_TRUE(aside.size() == 1 && test::contentOf(directory.file(aside[0])) == broken);
   }
 }
 

@@ -3,6 +3,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <thread>
+
+#include "Core/Memory/CrashHeap.h"
+#include "Core/Memory/CrashOwner.h"
+
 namespace test {
 
 /// Runs `work`, which answers an exit status, in a fork of the test without its other threads.
@@ -16,6 +21,18 @@ int runInChild(Work&& work) {
   int status = 0;
   ::waitpid(child, &status, 0);
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+/// Runs `work` on a fresh thread that owns a crash meanwhile. False when it could not become so.
+template <class Work>
+bool onCrashOwner(Work&& work) {
+  bool owned = core::CrashHeap::reserve();
+  std::thread([&] {
+    owned = core::CrashOwner::claim() == core::CrashOwner::Claim::kFirst && owned;
+    work();
+    core::CrashOwner::release();
+  }).join();
+  return owned;
 }
 
 }  // namespace test

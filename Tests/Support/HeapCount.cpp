@@ -41,40 +41,18 @@ void showHeapCalls() noexcept {
 
 }  // namespace test
 
-#define KIV_INTERPOSED extern "C" __attribute__((visibility("default")))
+// A function of the heap that shows its call and then does what `call` does.
+#define KIV_HEAP_CALL(type, name, parameters, call)                        \
+  extern "C" __attribute__((visibility("default"))) type name parameters { \
+    show(#name);                                                           \
+    return call;                                                           \
+  }
 
-KIV_INTERPOSED void* malloc(std::size_t size) {
-  show("malloc");
-  return __libc_malloc(size);
-}
-
-KIV_INTERPOSED void* calloc(std::size_t count, std::size_t size) {
-  show("calloc");
-  return __libc_calloc(count, size);
-}
-
-KIV_INTERPOSED void* realloc(void* memory, std::size_t size) {
-  show("realloc");
-  return __libc_realloc(memory, size);
-}
-
-KIV_INTERPOSED void* memalign(std::size_t alignment, std::size_t size) {
-  show("memalign");
-  return __libc_memalign(alignment, size);
-}
-
-KIV_INTERPOSED void* aligned_alloc(std::size_t alignment, std::size_t size) {
-  show("aligned_alloc");
-  return __libc_memalign(alignment, size);
-}
-
-KIV_INTERPOSED int posix_memalign(void** memory, std::size_t alignment, std::size_t size) {
-  show("posix_memalign");
-  *memory = __libc_memalign(alignment, size);
-  return *memory != nullptr ? 0 : ENOMEM;
-}
-
-KIV_INTERPOSED void free(void* memory) {
-  show("free");
-  __libc_free(memory);
-}
+KIV_HEAP_CALL(void*, malloc, (std::size_t size), __libc_malloc(size))
+KIV_HEAP_CALL(void*, calloc, (std::size_t count, std::size_t size), __libc_calloc(count, size))
+KIV_HEAP_CALL(void*, realloc, (void* memory, std::size_t size), __libc_realloc(memory, size))
+KIV_HEAP_CALL(void*, memalign, (std::size_t alignment, std::size_t size), __libc_memalign(alignment, size))
+KIV_HEAP_CALL(void*, aligned_alloc, (std::size_t alignment, std::size_t size), __libc_memalign(alignment, size))
+KIV_HEAP_CALL(int, posix_memalign, (void** memory, std::size_t alignment, std::size_t size),
+              (*memory = __libc_memalign(alignment, size)) != nullptr ? 0 : ENOMEM)
+KIV_HEAP_CALL(void, free, (void* memory), __libc_free(memory))

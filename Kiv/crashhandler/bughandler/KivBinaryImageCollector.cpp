@@ -120,10 +120,17 @@ void KivBinaryImageCollector::reloadBinarys() noexcept {
   images_.set(describe(core::readLoadedImages(), true));
 }
 
+// An image that is missing may be gone, or a call may have failed: a second look tells.
 void KivBinaryImageCollector::reloadBinarysIfChanged() noexcept {
-  const core::Array<core::LoadedImage> loaded = core::readLoadedImages();
-  if (!loaded.empty() && !images_.read([&](const Images& images) { return isListOf(images, loaded); })) {
-    images_.set(describe(loaded, true));
+  const auto isKnown = [this](const core::Array<core::LoadedImage>& loaded) {
+    return images_.read([&](const Images& images) { return isListOf(images, loaded); });
+  };
+  core::Array<core::LoadedImage> loaded = core::readLoadedImages();
+  if (!isKnown(loaded)) {
+    loaded = core::readLoadedImages();
+    if (!loaded.empty() && !isKnown(loaded)) {
+      images_.set(describe(loaded, true));
+    }
   }
 }
 

@@ -1,19 +1,24 @@
-// Gets itself into trouble as its argument says, and compares the walk of the stack that its
-// signal handler makes with what glibc's backtrace makes of it. Ends with status 0 where they
-// agree, else with 1 and both stacks on standard output. Built several times with other flags.
+// Gets itself into the trouble that its second argument names. The first one says who judges what
+// the library makes of the stack there: "backtrace" and "crashed", the C library in the same
+// process (status 0 where they agree, else 1 and both stacks on standard output), the second as
+// the owner of a crash that comes before any refresh; "debugger", one that looks from outside
+// once "ready" is printed below the stack. Built several times with other flags.
 
-#include <dlfcn.h>
 #include <execinfo.h>
+#include <poll.h>
 #include <pthread.h>
+#include <setjmp.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <ucontext.h>
+#include <unistd.h>
 #include <unwind.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cassert>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -21,10 +26,29 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "Core/Kernel/Process.h"
+#include "Core/Kernel/Symbols/SymbolTables.h"
+#include "Core/Kernel/ThreadFiles.h"
 #include "Core/Kernel/Unwind/CodeImages.h"
-#include "Core/Kernel/Unwind/FrameWalk.h"
 #include "Core/Memory/CrashHeap.h"
 #include "Core/Memory/CrashOwner.h"
+#include "Kiv/crashhandler/bughandler/KivBacktrace.h"
+#include "Kiv/crashhandler/bughandler/KivStackCollector.h"
+#include "Tests/Victims/OddCode.h"
+
+// Visible from outside, or the compiler would know all overriders.
+struct VictimBase {
+  VictimBase() { callThrough(); }
+  [[gnu::noinline]] void callThrough() {
+    VictimBase* self = this;
+    asm volatile("" : "+r"(self) : : "memory");
+    self->work();
+  }
+  virtual void work() = 0;
+};
+struct VictimDerived : VictimBase {
+  void work() override {}
+};
 
 namespace {
 
@@ -34,15 +58,21 @@ std::size_t walkedCount = 0;
 std::array<std::uint64_t, core::kMostFrames + 8> expected;
 std::size_t expectedCount = 0;
 int comparisons = 0;
+bool isForDebugger = false;
 
-/// Where an exception lands, the stack pointer is above the frame that the table still tells for
-/// an instruction or two.
+/// Before an exception lands, the place that it will return to has been written while the stack
+/// pointer still is where it was: for some instructions, both sides see what is left there, and
+/// the C library may fault on it.
 constexpr int kMostCutShort = 4;
+constexpr int kMostFaults = 64;
+int faults = 0;
 int cutShort = 0;
 bool isStepping = false;
+sigjmp_buf afterFaultOfJudge;
 std::uint64_t outermost = 0;  // where the program's first function was called
 
 int* volatile nowhere = nullptr;
+void (*volatile nothing)() = nullptr;
 
 #ifdef KIV_STATIC
 _Unwind_Reason_Code takeFrame(_Unwind_Context* context, void*) {
@@ -70,27 +100,33 @@ void takeExpected() {
 #endif
 }
 
-void print(const char* title, const std::uint64_t* frames, std::size_t count) {
+void print(const char* title, std::span<const std::uint64_t> frames) {
   std::printf("%s\n", title);
-  for (std::size_t i = 0; i < count; ++i) {
-    Dl_info info{};
-    dladdr(reinterpret_cast<void*>(frames[i] - (i == 0 ? 0 : 1)), &info);
-    std::printf("  %2zu %#018lx %s\n", i, frames[i], info.dli_sname != nullptr ? info.dli_sname : "");
+  for (const std::uint64_t frame : frames) {
+    std::printf("%#lx\n", frame);
   }
 }
 
 [[noreturn]] void fail(const char* reason) {
   std::printf("%s after %d comparisons\n", reason, comparisons);
-  print("walked", walked.data(), walkedCount);
-  print("expected", expected.data(), expectedCount);
+  print("walked", {walked.data(), walkedCount});
+  print("expected", {expected.data(), expectedCount});
   std::fflush(stdout);
   _exit(1);
 }
 
 /// Compares the stacks of the interrupted context.
-void compare(const ucontext_t& context) {
+void compare(ucontext_t& context) {
   const core::WalkContext walkContext{block};
   walkedCount = core::walk(core::registersOf(context.uc_mcontext), walked, walkContext);
+  greg_t* const registers = context.uc_mcontext.gregs;
+  if (registers[REG_RIP] == 0) {  // as far as the C library is concerned, the call to nowhere has returned
+    registers[REG_RIP] = *reinterpret_cast<greg_t*>(registers[REG_RSP]);
+    registers[REG_RSP] += 8;
+  }
+  if (sigsetjmp(afterFaultOfJudge, 1) != 0) {
+    return ++faults > kMostFaults ? fail("the judge faults") : void();
+  }
   takeExpected();
   const std::span<const std::uint64_t> all(expected.data(), expectedCount);
   const auto start = std::find(all.begin(), all.end(), walked[0]);
@@ -110,12 +146,30 @@ void compare(const ucontext_t& context) {
   ++comparisons;
 }
 
-void compareAndEnd(int, siginfo_t*, void* context) {
-  compare(*static_cast<ucontext_t*>(context));
+[[noreturn]] void show(const char* why, const mcontext_t* context, int thread) {
+  kiv_backtrace_fetch(context, core::threadPort(thread), walked, true);
+  std::printf("%d ", thread);
+  print(why, {walked.begin(), std::find(walked.begin(), walked.end(), 0)});
+  std::printf("ready\n");
+  std::fflush(stdout);
+  for (;;) {
+    pause();
+  }
+}
+
+void onTrouble(int, siginfo_t*, void* context) {
+  auto& interrupted = *static_cast<ucontext_t*>(context);
+  if (isForDebugger) {
+    show("interrupted", &interrupted.uc_mcontext, core::threadId());
+  }
+  if (isStepping) {
+    siglongjmp(afterFaultOfJudge, 1);
+  }
+  compare(interrupted);
   _exit(0);
 }
 
-void handle(int signal, void (*action)(int, siginfo_t*, void*), int flags = 0) {
+void handle(int signal, void (*action)(int, siginfo_t*, void*), int flags) {
   struct sigaction installed {};
   installed.sa_sigaction = action;
   installed.sa_flags = SA_SIGINFO | SA_NODEFER | flags;
@@ -131,7 +185,9 @@ void handle(int signal, void (*action)(int, siginfo_t*, void*), int flags = 0) {
     fault();
     return 0;
   }
-  return depth + faultBelow(depth - 1);
+  int below = faultBelow(depth - 1);
+  asm volatile("" : "+r"(below));  // or it would become a loop
+  return depth + below;
 }
 
 int compareFaulting(const void* a, const void* b) {
@@ -165,48 +221,22 @@ struct FaultingDestructor {
   throw std::runtime_error(onTheWay.value != 0 ? "thrown" : "");
 }
 
-void onOwnSignal(int, siginfo_t*, void*) {
-  sortFaulting();
+void throwAndCatch() {
+  try {
+    throwThrough();
+  } catch (const std::exception&) {
+    nowhere = nullptr;
+  }
 }
-
-/// Stops at its first instruction. The one before belongs to another function.
-asm(R"(
-  .pushsection .text
-  .type walkVictimBefore, @function
-walkVictimBefore:
-  .cfi_startproc
-  .cfi_def_cfa_offset 4096
-  nop
-  .cfi_endproc
-  .size walkVictimBefore, .-walkVictimBefore
-  .type walkVictimFirst, @function
-walkVictimFirst:
-  .cfi_startproc
-  ud2
-  .cfi_endproc
-  .size walkVictimFirst, .-walkVictimFirst
-  .popsection
-)");
-extern "C" void walkVictimFirst();
 
 /// Runs the program's own handler, on a stack that lies above the interrupted one if on another.
 [[gnu::noinline]] void raiseOwn(int flags) {
   std::array<char, 65536> stack;
   const stack_t alternate{stack.data(), 0, stack.size()};
   sigaltstack(&alternate, nullptr);
-  handle(SIGILL, onOwnSignal, flags);
-  walkVictimFirst();
-}
-
-void* threadBody(void*) {
-  faultBelow(3);
-  return nullptr;
-}
-
-void faultInThread() {
-  pthread_t thread;
-  pthread_create(&thread, nullptr, threadBody, nullptr);
-  pthread_join(thread, nullptr);
+  handle(
+      SIGILL, [](int, siginfo_t*, void*) { sortFaulting(); }, flags);
+  victimFirst();
 }
 
 void faultInFibre() {
@@ -214,83 +244,48 @@ void faultInFibre() {
   static ucontext_t back;
   constexpr std::size_t kStack = 8192;
   getcontext(&fibre);
-  // The handler needs more than the fibre has.
-  static std::array<char, 65536> stack;
-  const stack_t alternate{stack.data(), 0, stack.size()};
-  sigaltstack(&alternate, nullptr);
-  handle(SIGSEGV, compareAndEnd, SA_ONSTACK);
   fibre.uc_stack.ss_sp = mmap(nullptr, kStack, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   fibre.uc_stack.ss_size = kStack;
   fibre.uc_link = &back;
-  makecontext(&fibre, reinterpret_cast<void (*)()>(reinterpret_cast<std::uintptr_t>(&sortFaulting)), 0);
+  makecontext(&fibre, sortFaulting, 0);
   swapcontext(&back, &fibre);
 }
 
-// Rules that compilers seldom write: a CFA from an odd register, states kept twice, registers
-// by expression and by other registers, an undefined one, a return address that was moved.
-asm(R"(
-  .pushsection .text
-  .type walkVictimOdd, @function
-walkVictimOdd:
-  .cfi_startproc
-  push %rbx
-  .cfi_adjust_cfa_offset 8
-  .cfi_rel_offset %rbx, 0
-  mov %rsp, %rbx
-  .cfi_def_cfa_register %rbx
-  push %r12
-  .cfi_rel_offset %r12, -8
-  sub $24, %rsp
-  nop
-  .cfi_remember_state
-  .cfi_escape 0x10, 0x0c, 0x02, 0x73, 0x78        # r12 at breg3 -8
-  .cfi_undefined %rax
-  .cfi_remember_state
-  mov %r13, 8(%rsp)
-  .cfi_escape 0x10, 0x0d, 0x03, 0x77, 0x08, 0x96  # r13 at breg7 8; nop
-  xor %r13d, %r13d
-  mov %rbp, %r14
-  .cfi_register %rbp, %r14
-  call *%rdi
-  mov %r14, %rbp
-  .cfi_restore_state
-  mov 8(%rsp), %r13
-  .cfi_restore_state
-  add $24, %rsp
-  pop %r12
-  .cfi_restore %r12
-  pop %rbx
-  .cfi_restore %rbx
-  .cfi_def_cfa %rsp, 8
-  ret
-  .cfi_endproc
-  .size walkVictimOdd, .-walkVictimOdd
+pthread_t startThread(void (*body)()) {
+  pthread_t thread;
+  const auto run = [](void* work) -> void* { return reinterpret_cast<void (*)()>(work)(), nullptr; };
+  pthread_create(&thread, nullptr, run, reinterpret_cast<void*>(body));
+  return thread;
+}
 
-  .type walkVictimComputed, @function
-walkVictimComputed:
-  .cfi_startproc
-  pushq %rbp
-  .cfi_def_cfa_offset 16
-  .cfi_offset %rbp, -16
-  lea 16(%rsp), %rax
-  sub $128, %rsp
-  and $-64, %rsp
-  mov %rax, 32(%rsp)
-  .cfi_escape 0x0f, 0x03, 0x77, 0x20, 0x06        # CFA = deref(breg7 32)
-  call *%rdi
-  mov 32(%rsp), %rax
-  lea -16(%rax), %rsp
-  .cfi_def_cfa %rsp, 16
-  popq %rbp
-  .cfi_def_cfa_offset 8
-  ret
-  .cfi_endproc
-  .size walkVictimComputed, .-walkVictimComputed
-  .popsection
-)");
-extern "C" {
-void walkVictimOdd(void (*call)());
-void walkVictimComputed(void (*call)());
+/// Has the stack looked at of another thread, which waits in a system call.
+template <class Body>
+void blockIn(Body) {
+  static std::atomic<int> id{0};
+  const pthread_t thread = startThread([] {
+    id = core::threadId();
+    Body()();
+  });
+  while (id == 0 || !core::readSleepingThread(id)) {
+    sched_yield();
+  }
+  if (isForDebugger) {
+    show("stopped", nullptr, id);
+  }
+  pthread_kill(thread, SIGUSR2);
+  pthread_join(thread, nullptr);
+}
+
+void waitOnCondition() {
+  static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  static pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+  pthread_mutex_lock(&mutex);
+  pthread_cond_wait(&condition, &mutex);
+}
+
+void sleepForADay() {
+  const timespec day{86400, 0};
+  nanosleep(&day, nullptr);
 }
 
 /// What is stepped through, instruction by instruction: stubs that bind lazily, hand-written
@@ -312,18 +307,15 @@ void walkVictimComputed(void (*call)());
 #endif
 }
 
-void onTrap(int, siginfo_t*, void* context) {
-  compare(*static_cast<ucontext_t*>(context));
-}
-
 void step() {
   takeExpected();
   outermost = expected[expectedCount - 1];
   isStepping = true;
-  handle(SIGTRAP, onTrap);
+  handle(
+      SIGTRAP, [](int, siginfo_t*, void* context) { compare(*static_cast<ucontext_t*>(context)); }, 0);
   asm volatile("sub $128, %%rsp; pushf; orl $0x100, (%%rsp); popf; add $128, %%rsp" : : : "memory", "cc");
   ordinaryWork();
-  walkVictimOdd([] { walkVictimComputed([] {}); });
+  victimOdd([] { victimComputed([] {}); });
   asm volatile("sub $128, %%rsp; pushf; andl $~0x100, (%%rsp); popf; add $128, %%rsp" : : : "memory", "cc");
   if (comparisons < 1000) {
     fail("too few steps");
@@ -331,51 +323,72 @@ void step() {
   _exit(0);
 }
 
-struct Case {
+/// Names a function of its own, one of the C library and one that is none.
+void nameFunctions() {
+  core::SymbolTables::refresh();
+  const core::SymbolTables::View view;
+  for (const auto address : {reinterpret_cast<std::uint64_t>(&victimLocal) + 1, reinterpret_cast<std::uint64_t>(&qsort),
+                             reinterpret_cast<std::uint64_t>(&stdout)}) {
+    const auto symbol = view.lookup(address);
+    std::printf("%s+%lu ", symbol ? symbol->name.data() : "", symbol ? symbol->distance : 0);
+  }
+  std::exit(0);
+}
+
+struct Scene {
   std::string_view name;
   void (*run)();
 };
-constexpr Case kCases[] = {
-    {"leaf", [] { fault(); }},
-    {"abort", [] { std::abort(); }},
+constexpr Scene kScenes[] = {
+    {"leaf", fault},
+    {"abort", std::abort},
     {"assert", [] { assert(nowhere != nullptr); }},
+    {"pure-virtual", [] { VictimDerived(); }},
+    {"null-call", [] { nothing(); }},
     {"callback", sortFaulting},
-    {"recursion", [] { faultBelow(300); }},
-    {"aligned", [] { faultAligned(100); }},
-    {"destructor",
-     [] {
-       try {
-         throwThrough();
-       } catch (const std::exception&) {
-       }
-     }},
     {"handler", [] { raiseOwn(0); }},
     {"handler-on-stack", [] { raiseOwn(SA_ONSTACK); }},
-    {"thread", faultInThread},
+    {"poll", [] { blockIn([] { poll(nullptr, 0, -1); }); }},
+    {"condition", [] { blockIn([] { waitOnCondition(); }); }},
+    {"nanosleep", [] { blockIn([] { sleepForADay(); }); }},
+    {"destructor", throwAndCatch},
+    {"no-frame-pointer", [] { victimFrameless(sortFaulting); }},
+    {"recursion", [] { faultBelow(300); }},
     {"fibre", faultInFibre},
-    {"odd", [] { walkVictimOdd([] { walkVictimComputed(fault); }); }},
-    {"step", step},
+    {"aligned", [] { faultAligned(100); }},
+    {"thread", [] { pthread_join(startThread(sortFaulting), nullptr); }},
+    {"odd", [] { victimOdd([] { victimComputed(fault); }); }},
+    {"step", step},  // to be judged by the C library
+    {"names", nameFunctions},
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string_view wanted = argc > 1 ? argv[1] : "";
-  if (argc > 2) {  // by the images' own tables, as a crash walks that comes before any refresh
+  const std::string_view judge = argc > 1 ? argv[1] : "";
+  const std::string_view wanted = argc > 2 ? argv[2] : "";
+  isForDebugger = judge == "debugger";
+  if (judge == "crashed") {
     core::CrashHeap::reserve();
     core::CrashOwner::claim();
   }
+  prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
+  KivStackCollector::sharedInstance().prepare();
   core::CodeImages::refresh();
   takeExpected();  // loads what it needs
-  handle(SIGSEGV, compareAndEnd);
-  handle(SIGABRT, compareAndEnd);
-  for (const Case& each : kCases) {
-    if (wanted == "list") {
-      std::printf("%s\n", each.name.data());
-    } else if (wanted == each.name) {
-      each.run();
+  static std::array<char, 65536> stack;
+  const stack_t alternate{stack.data(), 0, stack.size()};
+  sigaltstack(&alternate, nullptr);
+  for (const int signal : {SIGSEGV, SIGABRT, SIGUSR2}) {
+    handle(signal, onTrouble, SA_ONSTACK);
+  }
+  for (const Scene& scene : kScenes) {
+    if (judge == "list") {
+      std::printf("%s ", scene.name.data());
+    } else if (wanted == scene.name) {
+      scene.run();
       fail("nothing happened");
     }
   }
-  return wanted == "list" ? 0 : 2;
+  return judge == "list" ? 0 : 2;
 }

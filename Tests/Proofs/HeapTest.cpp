@@ -1,0 +1,104 @@
+#include <gtest/gtest.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <numbers>
+#include <thread>
+
+#include "Core/Files/Directory.h"
+#include "Core/Files/File.h"
+#include "Core/Files/RecordLock.h"
+#include "Core/Kernel/ImageList.h"
+#include "Core/Kernel/Process.h"
+#include "Core/Kernel/ThreadList.h"
+#include "Core/PropertyList/BinaryPropertyList.h"
+#include "Core/Text/Format.h"
+#include "Core/Text/Uuid.h"
+#include "Kiv/crashhandler/bughandler/KivBinaryImageCollector.h"
+#include "Kiv/crashhandler/bughandler/KivCrashData.h"
+#include "Kiv/crashhandler/bughandler/KivRegisterDataCollector.h"
+#include "Kiv/crashhandler/bughandler/KivStackCollector.h"
+#include "Tests/Support/Child.h"
+#include "Tests/Support/HeapCount.h"
+#include "Tests/Support/TemporaryDirectory.h"
+
+namespace {
+
+void say(std::string_view line) {
+  if (::write(STDERR_FILENO, line.data(), line.size()) < 0) {
+    std::abort();
+  }
+}
+
+/// What a crash asks of Core. False when anything went wrong.
+bool useAll(const core::String& root) {
+  core::ValueDictionary record;
+  for (int i = 0; i < 50; ++i) {
+    record.set(core::generateUuid(),
+               core::kiv_format("%@ %d %#018llx %f", "text", i, std::size_t{7}, std::numbers::pi));
+  }
+  const core::Data bytes = core::encodeBinaryPropertyList(record);
+  const core::String folder = core::joinPath(root, "a/b");
+  const core::String path = core::joinPath(folder, "record");
+  const bool written = core::createDirectories(folder) == 0 &&
+                       core::writeFileAtomically(path, bytes.span(), 0600, core::Durability::kSynced) == 0;
+  const auto read = core::readFile(path);
+  const auto decoded = core::decodeBinaryPropertyList(read->span());
+  const auto names = core::listDirectory(folder);
+  const auto lock = core::RecordLock::acquire(core::joinPath(root, "lock"), core::RecordLock::Mode::kTry);
+  core::ImageList::refresh();
+  return written && decoded && *decoded->dictionary() == record && names->size() == 1 && lock &&
+         !core::ImageList::current().empty() && core::removeFile(path) == 0;
+}
+
+/// What a crash asks of the collectors.
+bool collectAll(const ucontext_t& context) {
+  auto& images = KivBinaryImageCollector::sharedInstance();
+  images.loadBinarys();
+  images.reloadBinarysIfChanged();
+  KivStackCollector::sharedInstance().collectThreads(&context.uc_mcontext, core::threadPort(core::threadId()), nullptr,
+                                                     0);
+  images.collectBinaryInfos(images.getAllBinarys()[0].sname);
+  KivRegisterDataCollector::sharedInstance().collectAllRegisterInfos(0, context.uc_mcontext, false);
+  const KivCrashData& data = KivCrashData::expData();
+  return data.allThreadInfos().size() >= 3 && data.crashThreadInfo()->threadStacks.size() > 3 &&
+         data.processUUID()->size() == 32 && data.registerDatas();
+}
+
+/// Works on the owner of a crash, after one call of each kind that shows that the showing works.
+template <class Work>
+void expectNoHeapCalls(Work work) {
+  const auto crash = [&] {
+    KivStackCollector::sharedInstance().prepare();
+    KivStackCollector::sharedInstance().setNeedSymbol(true);
+    KivStackCollector::refresh();
+    std::thread([] { ::pause(); }).detach();
+    test::onCrashOwner([&] {
+      test::showHeapCalls();
+      void* volatile control = std::malloc(1);
+      std::free(control);
+      say("begin\n");
+      const bool held = work();
+      say("end\n");
+      _exit(held ? 0 : 1);
+    });
+  };
+  EXPECT_EXIT(crash(), testing::ExitedWithCode(0), "heap call: malloc\nheap call: free\nbegin\nend\n");
+}
+
+TEST(Heap, IsLeftAloneByCoreOnTheOwnerOfACrash) {
+  const test::TemporaryDirectory directory;
+  const core::String root = directory.path();
+  expectNoHeapCalls([&root] { return useAll(root); });
+}
+
+TEST(Heap, IsLeftAloneByTheCollectorsOnTheOwnerOfACrash) {
+  expectNoHeapCalls([] {
+    ucontext_t context;
+    getcontext(&context);
+    return collectAll(context);
+  });
+}
+
+}  // namespace
