@@ -3,6 +3,7 @@
 
 #include "Core/PropertyList/BinaryPropertyList.h"
 #include "Core/PropertyList/BinaryPropertyListFormat.h"
+#include "Core/Text/Ascii.h"
 #include "Core/Text/Utf8.h"
 
 namespace core {
@@ -312,7 +313,7 @@ class Decoder {
         value = Data(content);
         return true;
       case kAscii:
-        if (std::any_of(content.begin(), content.end(), [](std::uint8_t byte) { return byte >= 0x80; })) {
+        if (!isAscii({reinterpret_cast<const char*>(content.data()), size})) {
           return fail("a string that is not ASCII", begin);
         }
         value = String(Bytes(content.data(), size));

@@ -15,6 +15,7 @@
 #include "Core/PropertyList/BinaryPropertyList.h"
 #include "Core/Text/Format.h"
 #include "Core/Text/Uuid.h"
+#include "Kiv/common/model/KivExpObj.h"
 #include "Kiv/crashhandler/bughandler/KivBinaryImageCollector.h"
 #include "Kiv/crashhandler/bughandler/KivCrashData.h"
 #include "Kiv/crashhandler/bughandler/KivRegisterDataCollector.h"
@@ -50,6 +51,18 @@ bool useAll(const core::String& root) {
   core::ImageList::refresh();
   return written && decoded && *decoded->dictionary() == record && names->size() == 1 && lock &&
          !core::ImageList::current().empty() && core::removeFile(path) == 0;
+}
+
+/// What a crash asks of the record that it stores, and of an equal one that was stored before.
+bool recordAll() {
+  KivExpObj record;
+  record.setHash(core::String("0123"));
+  record.callStack = core::kiv_format("%@ %d", "frame", 1);
+  record.valueMap.set("A24", "6.1");
+  record.attachmentList.emplace().data = core::Data("log", 3);
+  KivExpObj stored;
+  return stored.setEncodeData(record.encodeData().span()) && stored.hash() == "0123" &&
+         stored.attachmentList.size() == 1 && !stored.setEncodeData({});
 }
 
 /// What a crash asks of the collectors.
@@ -99,6 +112,10 @@ TEST(Heap, IsLeftAloneByTheCollectorsOnTheOwnerOfACrash) {
     getcontext(&context);
     return collectAll(context);
   });
+}
+
+TEST(Heap, IsLeftAloneByRecordsOnTheOwnerOfACrash) {
+  expectNoHeapCalls(recordAll);
 }
 
 }  // namespace

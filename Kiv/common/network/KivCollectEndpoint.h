@@ -11,6 +11,8 @@
 class KivCollectEndpoint {
  public:
   static constexpr std::string_view kPlaceholder = "https://collect.velmora.example/analytics/kivsync";
+  /// The service's web site, which texts for developers point to.
+  static constexpr std::string_view kWebSiteHost = "www.velmora.example";
 
   static core::String url() noexcept;
 
