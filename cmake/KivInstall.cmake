@@ -38,6 +38,10 @@ file(RELATIVE_PATH kiv_prefix_from_pc "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig
 configure_file(cmake/kiv.pc.in "${PROJECT_BINARY_DIR}/package/kiv.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/package/kiv.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
+if(KIV_BUILD_TOOLS)
+  install(TARGETS kiv RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+endif()
+
 # The shell's bundle is the folder of its executable, so it gets a folder of its own; bin/
 # holds a link to it.
 if(KIV_BUILD_CLIENT)

@@ -5,7 +5,7 @@ jobs=${JOBS:-$(nproc)}
 
 # What building and testing takes on Debian 12.
 packages=(build-essential g++ cmake ninja-build ccache pkg-config binutils
-  libpugixml-dev nettle-dev libcli11-dev libgtest-dev libbenchmark-dev libplist-utils gdb)
+  libpugixml-dev nettle-dev libcli11-dev nlohmann-json3-dev libgtest-dev libbenchmark-dev libplist-utils gdb)
 
 fail() {
   printf '%s: %s\n' "$(basename "$0")" "$*" >&2

@@ -1,0 +1,29 @@
+#include <CLI/CLI.hpp>
+
+#include <iostream>
+
+#include "Kiv/common/KivModelBase.h"
+#include "Tools/kiv/DecodeCommand.h"
+
+namespace {
+
+constexpr int kUsageError = 2;
+
+std::string versionText() {
+  return "kiv " + KivModelBase::getDefualtAnaModel().sdkVersion().str();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("The operator's tool of the Kiv crash and stall reporter.", "kiv");
+  app.set_version_flag("--version", versionText, "Print the reporter's version");
+  app.require_subcommand(1);
+  const DecodeCommand decode(app);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kUsageError;
+  }
+  return decode.run();
+}
