@@ -76,6 +76,7 @@ stacks() {
   sed -n '/^Thread/,$p' "$out" >"$scratch/stacks.txt"
   show <"$scratch/stacks.txt"
   expect "The start that shows stacks did not end in order" ends 0
+  expect "The names are not readable" grep -E '^[0-9]+ +ovalyn .* platform::RunLoop::turn' "$scratch/stacks.txt"
   expect "The main thread's stack does not reach main" grep -E '^[0-9]+ +ovalyn .* main \+' "$scratch/stacks.txt"
 }
 
@@ -88,10 +89,12 @@ crash() {
 
 nextStart() {
   ovalyn second --quit-after 1
-  show <"$out"
+  sed -n '1,/^Thread 0/p;/^Thread 0/,/^$/p' "$out" | uniq | show
+  printf '    …\n'
   expect "The start after the crash did not end in order" ends 0
   expect "The start after the crash did not find it" grep 'The run before crashed' "$out"
   expect "The crash is not described" grep 'SIGSEGV' "$out"
+  expect "The function at fault is not named" grep decodeFrame "$out"
 }
 
 needPackages "${packages[@]}"

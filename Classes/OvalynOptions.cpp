@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
+#include <map>
 #include <string>
 
 #include "CrashReporter.h"
@@ -37,16 +38,20 @@ OvalynOptions OvalynOptions::parse(int argc, char** argv) {
       ->option_text("SECONDS");
   app.add_flag("--show-stacks", options.showStacks, "Print the stacks of all threads once the client runs");
   std::string kind;
-  app.add_option("--simulate", kind, "Go wrong on purpose: 'signal' writes through a null pointer")
-      ->check(CLI::IsMember({"signal"}))
+  app.add_option("--simulate", kind,
+                 "Go wrong on purpose: 'signal' writes through a null pointer, 'abort' gives up, "
+                 "'exception' throws what nobody catches")
+      ->check(CLI::IsMember({"signal", "abort", "exception"}))
       ->option_text("KIND");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     std::exit(app.exit(error) == 0 ? 0 : kUsageError);
   }
-  if (kind == "signal") {
-    options.simulation = Simulation::kSignal;
+  if (!kind.empty()) {
+    const std::map<std::string, Simulation> kinds = {
+        {"signal", Simulation::kSignal}, {"abort", Simulation::kAbort}, {"exception", Simulation::kException}};
+    options.simulation = kinds.at(kind);
   }
   return options;
 }

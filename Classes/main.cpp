@@ -15,6 +15,22 @@ void endInOrder(int) {
   platform::RunLoop::main().stopFromSignal();
 }
 
+/// Late enough for the functions to have names: the reporter reads them in the background.
+constexpr double kSimulationDelay = 0.2;
+
+void (*simulationOf(const OvalynOptions& options))() {
+  switch (options.simulation) {
+    case OvalynOptions::Simulation::kSignal:
+      return simulateSignal;
+    case OvalynOptions::Simulation::kAbort:
+      return simulateAbort;
+    case OvalynOptions::Simulation::kException:
+      return simulateException;
+    default:
+      return nullptr;
+  }
+}
+
 void printLastCrash(CrashReporter& reporter) {
   const auto path = reporter.lastCrashLogPath();
   if (!path) {
@@ -53,8 +69,8 @@ int main(int argc, char** argv) {
   if (options.showStacks) {
     loop.performAfter(0, [&reporter] { std::cout << reporter.currentThreadStacks() << std::flush; });
   }
-  if (options.simulation == OvalynOptions::Simulation::kSignal) {
-    loop.performAfter(0, simulateSignal);
+  if (void (*const simulate)() = simulationOf(options)) {
+    loop.performAfter(kSimulationDelay, simulate);
   }
   loop.run();
   return 0;

@@ -14,6 +14,7 @@ set(kiv_shell_dir "${CMAKE_INSTALL_LIBEXECDIR}/ovalyn")
 
 add_library(kiv::kiv ALIAS kiv_shared)
 add_library(kiv::kiv_static ALIAS kiv_static)
+add_library(kiv::throw_hook ALIAS kiv_throw_hook)
 
 # Hidden visibility does not reach the templates of namespace std that the library instantiates.
 set(kiv_exports "${PROJECT_SOURCE_DIR}/cmake/kivExports.map")
@@ -21,7 +22,9 @@ target_link_options(kiv_shared PRIVATE "LINKER:--version-script=${kiv_exports}")
 set_property(TARGET kiv_shared APPEND PROPERTY LINK_DEPENDS "${kiv_exports}")
 
 set_target_properties(kiv_shared PROPERTIES EXPORT_NAME kiv)
-install(TARGETS kiv_shared kiv_static EXPORT kivTargets
+set_target_properties(kiv_throw_hook PROPERTIES EXPORT_NAME throw_hook)
+install(TARGETS kiv_shared kiv_static kiv_throw_hook EXPORT kivTargets
+  OBJECTS DESTINATION "${CMAKE_INSTALL_LIBDIR}/kiv"
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(EXPORT kivTargets NAMESPACE kiv:: DESTINATION "${kiv_package_dir}")

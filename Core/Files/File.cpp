@@ -8,8 +8,10 @@
 #include <algorithm>
 
 #include "Core/Files/Directory.h"
+#include "Core/Files/SpareDescriptor.h"
 #include "Core/Kernel/Process.h"
 #include "Core/Kernel/SystemCall.h"
+#include "Core/Memory/CrashOwner.h"
 #include "Core/Text/Uuid.h"
 
 namespace core {
@@ -79,7 +81,11 @@ void syncDirectory(std::string_view path) noexcept {
 }  // namespace
 
 Result<File, int> File::open(const String& path, int flags, unsigned mode) noexcept {
-  const long result = restartedSystemCall(SYS_openat, AT_FDCWD, path.c_str(), flags | O_CLOEXEC, mode);
+  const auto attempt = [&] { return restartedSystemCall(SYS_openat, AT_FDCWD, path.c_str(), flags | O_CLOEXEC, mode); };
+  long result = attempt();
+  if (result == -EMFILE && CrashOwner::isCurrentThread() && SpareDescriptor::giveUp()) {
+    result = attempt();
+  }
   if (result < 0) {
     return errorOf(result);
   }

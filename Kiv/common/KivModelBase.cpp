@@ -292,3 +292,20 @@ core::String KivModelBase::factOfExecutable(std::string_view key) const noexcept
   const core::String* fact = info.find(key);
   return fact != nullptr ? *fact : core::String();
 }
+
+void KivModelBase::resolveAll() const noexcept {
+  vorin();
+  openudid();
+  country();
+  language();
+  cpuArch();
+  diskSize();
+  memSize();
+  processId();
+  processName();
+  parentProcId();
+  parentProcName();
+  executableUUID();
+  executableArch();
+  executableBaseAddress();
+}

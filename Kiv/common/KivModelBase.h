@@ -46,6 +46,10 @@ class KivModelBase {
   void removeAllExtraValues() noexcept;
   core::Dictionary<core::String> extras() const noexcept { return extras_.get(); }
 
+  /// Makes now what is otherwise made when it is first asked for: identifiers, facts of machine and
+  /// process. For a background thread at installation, so that a crash finds all of it there.
+  void resolveAll() const noexcept;
+
   /// "[key,value] " of each other reporting component of the process, "" for none.
   core::String componentInfos() const noexcept;
 

@@ -11,7 +11,7 @@
 #include "Kiv/common/utils/KivLog.h"
 #include "Kiv/crashhandler/CrashReporterState.h"
 #include "Kiv/crashhandler/KivCrashModule.h"
-#include "Kiv/crashhandler/bughandler/CrashNote.h"
+#include "Kiv/crashhandler/bughandler/CrashLogFile.h"
 #include "Kiv/crashhandler/bughandler/KivNSExpHandler.h"
 #include "Kiv/crashhandler/bughandler/KivSigHandler.h"
 #include "Kiv/crashhandler/bughandler/KivStackCollector.h"
@@ -329,7 +329,7 @@ std::optional<std::string> CrashReporter::lastCrashLogPath() {
   const core::Lock lock(state_->findingLog);
   if (!state_->lookedForLog) {
     state_->lookedForLog = true;
-    state_->lastCrashLog = CrashNote::takeNewest(KivFilePersistHandler::sharedInstance().folderPath());
+    state_->lastCrashLog = CrashLogFile::takeNewest(KivFilePersistHandler::sharedInstance().folderPath());
   }
   return toStandard(state_->lastCrashLog);
 }

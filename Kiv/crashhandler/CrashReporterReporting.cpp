@@ -31,10 +31,10 @@ KivCrashData& crashData() noexcept {
 
 /// The crash data that a question about the current crash is answered from, nullptr for none:
 /// an error being reported, else the process's own.
-const KivCrashData* questionedData() noexcept {
-  const KivCrashData* current = crashData().currentCustomizedCrashData();
+std::shared_ptr<const KivCrashData> questionedData() noexcept {
+  std::shared_ptr<const KivCrashData> current = crashData().currentCustomizedCrashData();
   if (current == nullptr) {
-    return &crashData();
+    return {std::shared_ptr<void>(), &crashData()};  // never destroyed
   }
   return current->isCustomizedException() ? current : nullptr;
 }
@@ -97,6 +97,7 @@ core::String readableStack(const KivThreadInfo& thread) {
   std::uint32_t index = 0;
   for (const auto& frame : thread.threadStacks) {
     KivCrashAddrInfo shown = *frame;
+    shown.fullLine = {};
     shown.index = index++;  // it holds the one that it had in the first stack it was met in
     const std::string line = shown.lineStr ? shown.lineStr->str() : "";
     const std::size_t nameEnd = line.find(' ');
@@ -147,28 +148,28 @@ void CrashReporter::sessionEvent(std::string_view event) {
 }
 
 void CrashReporter::setUserData(std::string_view key, std::string_view value) {
-  KivCrashData* current = crashData().currentCustomizedCrashData();
+  const std::shared_ptr<KivCrashData> current = crashData().currentCustomizedCrashData();
   KivCrashData& data = current != nullptr && current->isCustomizedException() ? *current : crashData();
   data.addUserMapData(core::optionalString(key), core::optionalString(value));
 }
 
 std::shared_ptr<const NSException> CrashReporter::getCurrentException() {
-  const KivCrashData* data = questionedData();
+  const auto data = questionedData();
   return data != nullptr ? data->exp() : nullptr;
 }
 
 std::optional<std::string> CrashReporter::getCrashLog() {
-  const KivCrashData* data = questionedData();
+  const auto data = questionedData();
   return data != nullptr ? toStandard(data->crashlog()) : std::nullopt;
 }
 
 std::optional<std::string> CrashReporter::getCrashStack() {
-  const KivCrashData* data = questionedData();
+  const auto data = questionedData();
   return data != nullptr ? toStandard(data->crashStack()) : std::nullopt;
 }
 
 std::optional<std::string> CrashReporter::getCrashType() {
-  const KivCrashData* data = questionedData();
+  const auto data = questionedData();
   return data != nullptr ? toStandard(data->type()) : std::nullopt;
 }
 

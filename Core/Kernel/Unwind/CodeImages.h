@@ -64,6 +64,8 @@ class CodeImages {
     void renew() noexcept;
     /// The image whose code lies around `address`, nullptr for none.
     const CodeImage* covering(std::uint64_t address) const noexcept;
+    /// Another number for every other set of images, 0 before the first.
+    std::uint64_t generation() const noexcept;
     /// True when every image is still in its place.
     bool isTrue(const OwnMemory& memory) const noexcept;
 

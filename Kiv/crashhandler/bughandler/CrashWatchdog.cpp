@@ -47,10 +47,6 @@ void watch() noexcept {
   }
 }
 
-int timerSignal() noexcept {
-  return SIGRTMAX - 2;
-}
-
 void onTimer(int, siginfo_t*, void*) noexcept {
   if (const std::uint32_t signal = handled.load(std::memory_order_acquire)) {
     core::dieBySignal(static_cast<int>(signal));
@@ -60,7 +56,7 @@ void onTimer(int, siginfo_t*, void*) noexcept {
 void armThreadTimer() noexcept {
   sigevent event{};
   event.sigev_notify = SIGEV_THREAD_ID;
-  event.sigev_signo = timerSignal();
+  event.sigev_signo = CrashWatchdog::timerSignal();
   event._sigev_un._tid = core::threadId();
   int id = -1;
   if (core::systemCall(SYS_timer_create, CLOCK_MONOTONIC, &event, &id) != 0) {
@@ -70,11 +66,15 @@ void armThreadTimer() noexcept {
   itimerspec time{};
   time.it_value = fromNanoseconds(CrashWatchdog::kHandlingTime + kTimerGrace);
   core::systemCall(SYS_timer_settime, id, 0, &time, nullptr);
-  const std::uint64_t mask = std::uint64_t{1} << (timerSignal() - 1);
+  const std::uint64_t mask = std::uint64_t{1} << (CrashWatchdog::timerSignal() - 1);
   core::systemCall(SYS_rt_sigprocmask, SIG_UNBLOCK, &mask, nullptr, sizeof mask);
 }
 
 }  // namespace
+
+int CrashWatchdog::timerSignal() noexcept {
+  return SIGRTMAX - 2;
+}
 
 bool CrashWatchdog::prepare() noexcept {
   static const bool prepared = [] {

@@ -18,4 +18,7 @@ class CrashWatchdog {
   /// Starts the count for the calling thread, which handles `signal`.
   static void arm(int signal) noexcept;
   static void release() noexcept;
+
+  /// What the timer sends; arming unblocks it.
+  static int timerSignal() noexcept;
 };

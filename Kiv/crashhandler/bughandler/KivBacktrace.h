@@ -7,6 +7,7 @@
 
 #include "Core/Kernel/SuspensionRound.h"
 #include "Core/Kernel/Unwind/FrameWalk.h"
+#include "Kiv/crashhandler/bughandler/StackBlock.h"
 
 /// Stacks and registers of single threads, which are named by port (core::threadPort). All of
 /// it is fit for the crash path; in normal running a thread that is stopped by another dump is
@@ -26,6 +27,9 @@ void kiv_backtrace_fetch(const mcontext_t* context, std::uint32_t thread, KivFra
 /// brought up to date (core::CodeImages::refreshIfChanged).
 void kiv_backtrace_fetch(core::SuspensionRound& round, const mcontext_t* context, std::uint32_t thread,
                          KivFrames frames, bool suspend) noexcept;
+
+/// The same for a thread that was asked to stop, and that goes on when `asked` goes.
+void kiv_backtrace_stopped(core::SuspendedThread& asked, KivFrames frames, const StackBlock& block) noexcept;
 
 /// Reads a thread's registers, floats and exception state; true when all of it was read. Of the
 /// calling thread, as they are in the function that calls.

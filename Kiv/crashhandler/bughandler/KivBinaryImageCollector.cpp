@@ -11,6 +11,7 @@
 #include "Core/Kernel/ImageHeaders.h"
 #include "Core/Kernel/ImageList.h"
 #include "Core/Kernel/OwnMemory.h"
+#include "Core/Kernel/Unwind/CodeImages.h"
 #include "Core/Text/Format.h"
 #include "Core/Text/Uuid.h"
 #include "Kiv/common/utils/KivLog.h"
@@ -99,6 +100,16 @@ bool isListOf(const Images& images, const core::Array<core::LoadedImage>& loaded
   return std::equal(images.begin(), images.end(), loaded.begin(), loaded.end(), isSame);
 }
 
+bool isAround(std::uint64_t address, const KivMachImageInfo& image) noexcept {
+  return image.base <= address && address <= image.base + image.size;
+}
+
+/// The generation of the code images, 0 where they are out of date themselves.
+std::uint64_t trueGeneration() noexcept {
+  const core::CodeImages::View code;
+  return code.isTrue(core::OwnMemory()) ? code.generation() : 0;
+}
+
 CrashBinInfo binInfoOf(const KivMachImageInfo& image) noexcept {
   return {image.sname, image.uuid, image.cpu, core::kiv_format("%#018llx", image.base)};
 }
@@ -112,16 +123,18 @@ KivBinaryImageCollector& KivBinaryImageCollector::sharedInstance() noexcept {
 
 void KivBinaryImageCollector::loadBinarys() noexcept {
   if (images_.read([](const Images& images) { return images.empty(); })) {
-    images_.set(describe(core::readLoadedImages(), true));
+    reloadBinarys();
   }
 }
 
 void KivBinaryImageCollector::reloadBinarys() noexcept {
+  generation_ = trueGeneration();
   images_.set(describe(core::readLoadedImages(), true));
 }
 
 // An image that is missing may be gone, or a call may have failed: a second look tells.
 void KivBinaryImageCollector::reloadBinarysIfChanged() noexcept {
+  generation_ = trueGeneration();
   const auto isKnown = [this](const core::Array<core::LoadedImage>& loaded) {
     return images_.read([&](const Images& images) { return isListOf(images, loaded); });
   };
@@ -134,19 +147,35 @@ void KivBinaryImageCollector::reloadBinarysIfChanged() noexcept {
   }
 }
 
+void KivBinaryImageCollector::bringUpToDate(std::span<const std::uint64_t> addresses) noexcept {
+  const std::uint64_t generation = trueGeneration();
+  const bool isTrue = generation != 0 && generation == generation_;
+  const bool isWhole = isTrue && images_.read([addresses](const Images& images) {
+    const KivMachImageInfo* last = nullptr;  // most frames lie in the image of their neighbour
+    return std::all_of(addresses.begin(), addresses.end(), [&](std::uint64_t address) {
+      last = last != nullptr && isAround(address, *last) ? last : around(address, images);
+      return last != nullptr;
+    });
+  });
+  if (!isWhole) {
+    reloadBinarysIfChanged();
+  }
+}
+
 Images KivBinaryImageCollector::collectBinaryImages() const noexcept {
   return describe(core::readLoadedImages(), false);
 }
 
 std::optional<KivMachImageInfo> KivBinaryImageCollector::getImageByAddr(std::uint64_t address) const noexcept {
-  return images_.read([address](const Images& images) -> std::optional<KivMachImageInfo> {
-    for (const KivMachImageInfo& image : images) {
-      if (image.base <= address && address <= image.base + image.size) {
-        return image;
-      }
-    }
-    return std::nullopt;
-  });
+  std::optional<KivMachImageInfo> found;
+  lookAt(address, [&found](const KivMachImageInfo& image) { found = image; });
+  return found;
+}
+
+const KivMachImageInfo* KivBinaryImageCollector::around(std::uint64_t address, const Images& images) noexcept {
+  const auto* found = std::find_if(images.begin(), images.end(),
+                                   [address](const KivMachImageInfo& image) { return isAround(address, image); });
+  return found != images.end() ? found : nullptr;
 }
 
 void KivBinaryImageCollector::collectBinaryInfos(const std::optional<core::String>& processName) const noexcept {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -24,6 +25,10 @@ class KivBinaryImageCollector {
   /// Reloads where the memory map has other images than the list; reads the map either way.
   void reloadBinarysIfChanged() noexcept;
 
+  /// The same where the list may be out of date: an image of its time is gone, or one of the
+  /// addresses lies outside its images. Some microseconds otherwise.
+  void bringUpToDate(std::span<const std::uint64_t> addresses) noexcept;
+
   Images kivBinaryInfos() const noexcept { return images_.get(); }
   Images getAllBinarys() const noexcept { return images_.get(); }
   /// A fresh list that is not kept; images that cannot be told are left out in silence.
@@ -31,6 +36,19 @@ class KivBinaryImageCollector {
 
   /// The first image of the list with base <= address <= base + size: the end counts too.
   std::optional<KivMachImageInfo> getImageByAddr(std::uint64_t address) const noexcept;
+
+  /// Lets `look(const KivMachImageInfo&)` see that image without a copy; it must not call back
+  /// here. False when there is none.
+  template <class Look>
+  bool lookAt(std::uint64_t address, Look&& look) const noexcept {
+    return images_.read([&](const Images& images) {
+      const KivMachImageInfo* image = around(address, images);
+      if (image != nullptr) {
+        look(*image);
+      }
+      return image != nullptr;
+    });
+  }
 
   /// Fills the crash data's facts of the process, from the image of that name, and its list of the
   /// other images that occur in the crash data's stacks.
@@ -48,5 +66,10 @@ class KivBinaryImageCollector {
   friend core::Immortal<KivBinaryImageCollector>;
   KivBinaryImageCollector() noexcept = default;
 
+  static const KivMachImageInfo* around(std::uint64_t address, const Images& images) noexcept;
+
   core::Published<Images> images_;
+  /// That of core::CodeImages just before the list was made, 0 where that was out of date: it
+  /// is another one once an image has gone.
+  std::atomic<std::uint64_t> generation_{0};
 };

@@ -9,7 +9,19 @@ constexpr std::size_t kModuleColumns = 30;
 }  // namespace
 
 core::String KivCrashAddrInfo::getFullStackLine() const noexcept {
+  if (!fullLine.empty()) {
+    return fullLine;
+  }
   core::StringBuilder line(128);
+  appendFullStackLine(line);
+  return line.str();
+}
+
+void KivCrashAddrInfo::appendFullStackLine(core::StringBuilder& line) const noexcept {
+  if (!fullLine.empty()) {
+    line.append(fullLine);
+    return;
+  }
   core::kiv_append(line, "%-2d", index);
   if (moduleName) {
     core::kiv_append(line, " %@", *moduleName);
@@ -22,7 +34,6 @@ core::String KivCrashAddrInfo::getFullStackLine() const noexcept {
   if (lineStr) {
     line.append(*lineStr);
   }
-  return line.str();
 }
 
 core::String KivCrashAddrInfo::description() const noexcept {

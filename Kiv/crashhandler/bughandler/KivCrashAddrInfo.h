@@ -17,9 +17,11 @@ struct KivCrashAddrInfo {
   Text moduleName;           ///< last part of the path of the image around it
   std::uint64_t offset = 0;  ///< of the address, aligned down to 16, from the image's base
   Text lineStr;              ///< symbol and distance, or the image's base and the offset
+  core::String fullLine{};   ///< getFullStackLine() made ahead, once the rest is final; else empty
 
   /// "0  module                         0x00007f12ab34cd56 symbol + 12"
   core::String getFullStackLine() const noexcept;
+  void appendFullStackLine(core::StringBuilder& text) const noexcept;
   core::String description() const noexcept;
 };
 

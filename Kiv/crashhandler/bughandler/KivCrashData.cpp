@@ -2,6 +2,8 @@
 
 #include "Core/Memory/Immortal.h"
 #include "Core/Text/Format.h"
+#include "Core/Text/Join.h"
+#include "Kiv/compat/KivCustomizedException.h"
 
 KivCrashData& KivCrashData::expData() noexcept {
   static core::Immortal<KivCrashData> data;
@@ -12,6 +14,18 @@ void KivCrashData::addLastExceptionInfo(const Text& text) noexcept {
   if (!crashOnceMore() && text && !text->empty()) {
     lastExceptionInfo_.update([&](core::String& lines) { lines = core::kiv_format("%@%@\n", lines, *text); });
   }
+}
+
+core::String KivCrashData::crashStack() const noexcept {
+  if (isCustomizedException()) {
+    if (const auto* reported = KivCustomizedException::in(*this)) {
+      return core::joined(reported->callStackReturnSymbols(), "\n");
+    }
+  }
+  if (ocThreadInfo_) {
+    return ocThreadInfo_->getCurrThreadStackLines();
+  }
+  return crashThreadInfo_ ? crashThreadInfo_->getCurrThreadStackLines() : core::String("empty stack");
 }
 
 bool KivCrashData::needCheckFirstLineOcMsg() const noexcept {

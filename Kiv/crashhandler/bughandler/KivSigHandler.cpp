@@ -2,22 +2,17 @@
 
 #include <sys/auxv.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstdint>
+#include <algorithm>
 #include <iterator>
 
-#include "Core/Kernel/KernelSignal.h"
-#include "Core/Kernel/Process.h"
-#include "Core/Kernel/SystemCall.h"
 #include "Core/Kernel/ThreadSuspension.h"
 #include "Core/Memory/CrashHeap.h"
-#include "Core/Memory/CrashOwner.h"
 #include "Kiv/common/utils/KivLog.h"
-#include "Kiv/crashhandler/bughandler/CrashNote.h"
 #include "Kiv/crashhandler/bughandler/CrashWatchdog.h"
 #include "Kiv/crashhandler/bughandler/KivSignalNames.h"
+#include "Kiv/crashhandler/bughandler/SignalHandling.h"
 #include "Platform/RunLoop/DispatchQueue.h"
 
 namespace {
@@ -27,9 +22,7 @@ constexpr std::size_t kAltStackSize = 0x10000;
 // Entry i is the action that was in force for fatalsigs[i].
 struct sigaction g_previousSignalHandlers[std::size(fatalsigs)];
 bool previousHandlersKept = false;
-std::atomic<bool> installed{false};
 stack_t kiv_crash_stk{};
-std::atomic<int> ownedSignal{0};
 
 // No thread is stopped between its fault and the gate, where it would hold up the crash's owner.
 bool installActions() noexcept {
@@ -51,58 +44,11 @@ bool installActions() noexcept {
   return true;
 }
 
-void changeMask(int how, core::KernelSignalSet signals) noexcept {
-  core::systemCall(SYS_rt_sigprocmask, how, &signals, nullptr, sizeof signals);
-}
-
-/// A second fault that is blocked would kill the process at once, unhandled.
-void unblockFatalSignals() noexcept {
-  core::KernelSignalSet signals = 0;
-  for (const int signal : fatalsigs) {
-    signals |= core::signalBit(signal);
-  }
-  changeMask(SIG_UNBLOCK, signals);
-}
-
-/// Waits for the owner of the crash to end the process, and lets it read this thread's stack.
-[[noreturn]] void waitAtGate() noexcept {
-  changeMask(SIG_UNBLOCK, core::signalBit(core::ThreadSuspension::kSignal));
-  for (;;) {
-    core::rawSystemCall(SYS_pause);
-  }
-}
-
-/// Leaves the signal pending under the default action; it takes effect as the handler returns.
-void forward(int sig) noexcept {
-  changeMask(SIG_BLOCK, core::signalBit(sig));
-  core::systemCall(SYS_tgkill, core::processId(), core::threadId(), sig);
-}
-
 }  // namespace
 
-void kiv_signal_handler(int sig, siginfo_t* info, void* context) noexcept {
-  switch (core::CrashOwner::claim()) {
-    case core::CrashOwner::Claim::kRefused:
-      waitAtGate();
-    case core::CrashOwner::Claim::kAgain:
-      core::dieBySignal(ownedSignal);
-    case core::CrashOwner::Claim::kFirst:
-      break;
-  }
-  ownedSignal = sig;
-  CrashWatchdog::arm(sig);
-  unblockFatalSignals();
-  CrashNote::write(*info, context);
-  kiv_uninstall_signal_handler();
-  forward(sig);
-}
-
-void kiv_uninstall_signal_handler() noexcept {
-  struct sigaction standard {};
-  standard.sa_handler = SIG_DFL;
-  for (const int signal : fatalsigs) {
-    sigaction(signal, &standard, nullptr);
-  }
+const struct sigaction* PreviousActions::of(int signal) noexcept {
+  const int* const found = std::find(std::begin(fatalsigs), std::end(fatalsigs), signal);
+  return previousHandlersKept && found != std::end(fatalsigs) ? &g_previousSignalHandlers[found - fatalsigs] : nullptr;
 }
 
 KivSigHandler& KivSigHandler::sharedInstance() noexcept {
@@ -115,7 +61,7 @@ bool KivSigHandler::install() noexcept {
     kiv_log_warn("signal handler disable");
     return false;
   }
-  if (installed) {
+  if (installed_) {
     kiv_log_error("signal handler already installed");
     return false;
   }
@@ -133,19 +79,19 @@ bool KivSigHandler::install() noexcept {
     uninstall();
     return false;
   }
-  installed = true;
+  installed_ = true;
   return true;
 }
 
 bool KivSigHandler::uninstall() noexcept {
-  if (!installed) {
+  if (!installed_) {
     kiv_log_info("signal handler already uninstalled");
     return false;
   }
   UnInitAltStack();
   kiv_uninstall_signal_handler();
   kiv_log_info("Uninstall signal handler SUCCESS.");
-  installed = false;
+  installed_ = false;
   return true;
 }
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <signal.h>
-
 #include <atomic>
 
 /// Catches the six fatal signals. Installed and removed by KivCrashHandler, on one thread at
@@ -15,6 +13,7 @@ class KivSigHandler {
   bool handlerEnable() const noexcept { return handlerEnable_; }
 
   bool install() noexcept;
+  bool isInstalled() const noexcept { return installed_; }
   bool uninstall() noexcept;
   /// Takes the signals back after another component replaced the handler.
   bool reset() noexcept;
@@ -29,11 +28,5 @@ class KivSigHandler {
   KivSigHandler() noexcept = default;
 
   std::atomic<bool> handlerEnable_{true};
+  std::atomic<bool> installed_{false};
 };
-
-/// The installed action. The first crashing thread owns the crash; another one waits until the
-/// process ends, and a fault of the handling itself ends it by the signal that is handled.
-void kiv_signal_handler(int sig, siginfo_t* info, void* context) noexcept;
-
-/// Sets the six signals to their default actions.
-void kiv_uninstall_signal_handler() noexcept;

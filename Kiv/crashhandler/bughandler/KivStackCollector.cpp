@@ -4,6 +4,7 @@
 #include <array>
 
 #include "Core/Kernel/OwnMemory.h"
+#include "Core/Kernel/Process.h"
 #include "Core/Kernel/Symbols/SymbolTables.h"
 #include "Core/Kernel/ThreadList.h"
 #include "Core/Kernel/ThreadSuspension.h"
@@ -11,21 +12,21 @@
 #include "Core/Kernel/Unwind/CodeImages.h"
 #include "Core/Memory/CrashOwner.h"
 #include "Core/Text/Format.h"
+#include "Core/Text/Utf8.h"
 #include "Kiv/common/KivModelBase.h"
 #include "Kiv/common/utils/KivLog.h"
+#include "Kiv/crashhandler/bughandler/KivBacktrace.h"
 #include "Kiv/crashhandler/bughandler/KivBinaryImageCollector.h"
 #include "Kiv/crashhandler/bughandler/KivCrashData.h"
 #include "Kiv/crashhandler/bughandler/KivRegisterDataCollector.h"
 #include "Kiv/crashhandler/bughandler/KivSymbolicate.h"
-#include "Kiv/crashhandler/bughandler/ThreadPass.h"
+#include "Kiv/crashhandler/bughandler/ThreadCapture.h"
 
 namespace {
 
 constexpr std::uint64_t kAlignment = 16;
+constexpr std::size_t kMostTraceLines = 128;
 constexpr std::string_view kHiddenName = "<redacted>";
-
-/// Ports that differ in the low 8 bits only are taken for one thread.
-constexpr std::uint32_t kPortTolerance = 255;
 
 /// Functions are looked up by the aligned address, unless that brings up one that ends before the
 /// code which was executing.
@@ -43,11 +44,17 @@ KivCrashAddrInfo::Text symbolText(std::uint64_t aligned, std::uint64_t executing
 
 /// A return address lies behind its call, perhaps in the next function; where a thread was
 /// stopped or interrupted, the address itself was next.
-std::uint64_t executingAddress(std::span<const std::uint64_t> addresses, std::size_t index) noexcept {
+std::uint64_t executingAddress(std::span<const std::uint64_t> addresses, std::size_t index,
+                               KivStackCollector::Top top) noexcept {
   const core::OwnMemory memory;
-  const bool isExact = index == 0 || core::isSignalReturn(memory, addresses[index]) ||
-                       core::isSignalReturn(memory, addresses[index - 1]);
+  const bool isExact = (index == 0 && top == KivStackCollector::Top::kStopped) ||
+                       core::isSignalReturn(memory, addresses[index]) ||
+                       (index != 0 && core::isSignalReturn(memory, addresses[index - 1]));
   return addresses[index] - (isExact ? 0 : 1);
+}
+
+void bringImagesUpToDate(const CrashSnapshot& snapshot) noexcept {
+  KivBinaryImageCollector::sharedInstance().bringUpToDate({snapshot.addresses, snapshot.addressCount});
 }
 
 void logCrashedStack(const KivStack& stack) noexcept {
@@ -58,6 +65,18 @@ void logCrashedStack(const KivStack& stack) noexcept {
     }
     kiv_log_warn("Crashed thread stacks:\n%@\n", frames);
   }
+}
+
+/// A program may give a thread any bytes for a name; a report shows one line of text.
+core::String printableName(std::string_view name) noexcept {
+  core::StringBuilder shown;
+  while (!name.empty()) {
+    const core::Utf8Character next = core::decodeUtf8(name);
+    const bool isControl = next.codePoint < ' ' || (next.codePoint >= 0x7F && next.codePoint < 0xA0);
+    shown.append(next.valid && !isControl ? name.substr(0, next.size) : "?");
+    name.remove_prefix(next.size);
+  }
+  return shown.str();
 }
 
 }  // namespace
@@ -74,6 +93,10 @@ void KivStackCollector::prepare() noexcept {
   core::ThreadList::prepare();
   if (core::ThreadSuspension::install() != 0) {
     kiv_log_warn("no signal to stop threads with");
+  }
+  snapshot_ = CrashSnapshot::map().release();
+  if (snapshot_ == nullptr) {
+    kiv_log_error("no address space for the snapshot of a crash");
   }
   KivBinaryImageCollector::sharedInstance();
   KivRegisterDataCollector::sharedInstance();
@@ -104,37 +127,45 @@ void KivStackCollector::collectThreads(const mcontext_t* context, std::uint32_t 
   if (!list.isComplete()) {
     kiv_log_always("<KIV> task_threads: %s", "no process file system");
   }
-  const std::span resumed(resumedThreads, resumedThreadCount);
-  ThreadPass pass(*this);
-  for (std::uint32_t index = 0; index < list.threads().size(); ++index) {
-    const std::uint32_t port = core::threadPort(list.threads()[index]);
-    const bool isCrashThread = (port ^ crashThread) <= kPortTolerance;
-    if (isCrashThread) {
-      data.addLastExceptionInfo(core::kiv_format("Highlighted Thread: %d", index));
+  if (snapshot_ == nullptr) {
+    return;
+  }
+  const std::span running(resumedThreads, resumedThreadCount);
+  ThreadCapture(*snapshot_, {context, crashThread, running}).run(list.threads());
+  bringImagesUpToDate(*snapshot_);
+  // One by one into the crash data: those before stay when the memory of the crash is used up.
+  data.allThreadInfos().reserve(snapshot_->threadCount);
+  for (const CrashSnapshot::Thread& captured : snapshot_->allThreads()) {
+    data.allThreadInfos().append(threadOf(*snapshot_, captured));
+    if (ThreadCapture::isSameThread(captured.port, crashThread)) {
+      setCrashedThread(data, data.allThreadInfos().back());
     }
-    const bool isResumed = std::find(resumed.begin(), resumed.end(), port) != resumed.end();
-    KivThreadInfo thread = pass.read(port, index, isCrashThread ? context : nullptr, !isResumed);
-    thread.isCrashThread = isCrashThread;
-    if (isCrashThread) {
-      if (data.exp() == nullptr) {
-        logCrashedStack(thread.threadStacks);
-      }
-      data.setCrashThreadInfo(thread);
-      crashThreadInfo_ = thread;
-    }
-    data.allThreadInfos().append(std::move(thread));
   }
 }
 
+void KivStackCollector::setCrashedThread(KivCrashData& data, KivThreadInfo& thread) noexcept {
+  thread.isCrashThread = true;
+  data.addLastExceptionInfo(core::kiv_format("Highlighted Thread: %d", thread.threadIndex));
+  if (data.exp() == nullptr) {
+    logCrashedStack(thread.threadStacks);
+  }
+  data.setCrashThreadInfo(thread);
+  crashThreadInfo_ = thread;
+}
+
 void KivStackCollector::collectAllThreadsWithCrashThread(std::uint32_t port) noexcept {
+  const CrashSnapshot::Mapped snapshot = CrashSnapshot::map();
+  if (snapshot == nullptr) {
+    return;
+  }
   KivCrashData& data = KivCrashData::expData();
-  const core::ThreadList list = core::ThreadList::read();
-  Threads threads = readThreads(list);
-  for (KivThreadInfo& thread : threads) {
-    if (core::threadPort(list.threads()[thread.threadIndex]) == port) {
-      thread.isCrashThread = true;
-      data.setCrashThreadInfo(thread);
-      crashThreadInfo_ = thread;
+  ThreadCapture(*snapshot, {.crashThread = port}).run(core::ThreadList::read().threads());
+  Threads threads = threadsOf(*snapshot);
+  for (std::size_t i = 0; i < threads.size(); ++i) {
+    if (snapshot->threads[i].port == port) {
+      threads[i].isCrashThread = true;
+      data.setCrashThreadInfo(threads[i]);
+      crashThreadInfo_ = threads[i];
     }
   }
   if (data.allThreadInfos().empty()) {
@@ -143,29 +174,60 @@ void KivStackCollector::collectAllThreadsWithCrashThread(std::uint32_t port) noe
 }
 
 KivStackCollector::Threads KivStackCollector::liveThreads() noexcept {
-  return readThreads(core::ThreadList::read());
+  const CrashSnapshot::Mapped snapshot = CrashSnapshot::map();
+  if (snapshot == nullptr) {
+    return {};
+  }
+  ThreadCapture(*snapshot, {}).run(core::ThreadList::read().threads());
+  return threadsOf(*snapshot);
 }
 
-KivStackCollector::Threads KivStackCollector::readThreads(const core::ThreadList& list) noexcept {
+KivStackCollector::Threads KivStackCollector::threadsOf(const CrashSnapshot& snapshot) noexcept {
+  bringImagesUpToDate(snapshot);
   Threads threads;
-  ThreadPass pass(*this);
-  for (const int thread : list.threads()) {
-    const auto index = static_cast<std::uint32_t>(threads.size());
-    threads.append(pass.read(core::threadPort(thread), index, nullptr, true));
+  threads.reserve(snapshot.threadCount);
+  for (const CrashSnapshot::Thread& captured : snapshot.allThreads()) {
+    threads.append(threadOf(snapshot, captured));
   }
   return threads;
 }
 
-KivStack KivStackCollector::createAddrInfos(std::span<const std::uint64_t> addresses) noexcept {
+KivThreadInfo KivStackCollector::threadOf(const CrashSnapshot& snapshot,
+                                          const CrashSnapshot::Thread& captured) noexcept {
+  KivThreadInfo thread;
+  thread.threadIndex = captured.index;
+  thread.threadName = printableName(core::reportedThreadName(captured.name));
+  thread.threadStacks = createAddrInfos(snapshot.stackOf(captured));
+  return thread;
+}
+
+core::Array<core::String> KivStackCollector::traceOfCaller(unsigned skip) noexcept {
+  std::array<std::uint64_t, core::kMostFrames> addresses{};
+  kiv_backtrace_fetch(nullptr, core::threadPort(core::threadId()), addresses, false);
+  const auto* end = std::find(addresses.begin(), addresses.begin() + kMostTraceLines, 0);
+  core::Array<core::String> lines;
+  for (const auto& frame : createAddrInfos({addresses.begin(), end})) {
+    if (skip != 0) {
+      --skip;
+    } else {
+      lines.append(frame->getFullStackLine());
+    }
+  }
+  return lines;
+}
+
+// Whose frames to use is asked once for all of them: it is a system call while a crash is handled.
+KivStack KivStackCollector::createAddrInfos(std::span<const std::uint64_t> addresses, Top top) noexcept {
+  const bool isCrash = core::CrashOwner::isCurrentThread();
   KivStack stack;
   stack.reserve(addresses.size());
   for (std::uint32_t i = 0; i < addresses.size(); ++i) {
-    std::optional<Frame> frame = keptFrame(addresses[i]);
+    std::optional<Frame> frame = keptFrame(addresses[i], isCrash);
     if (!frame) {
-      frame = makeFrame(addresses[i], i, executingAddress(addresses, i));
+      frame = makeFrame(addresses[i], i, executingAddress(addresses, i, top), isCrash);
     }
     if (frame) {
-      stack.append(*frame);
+      stack.append(*std::move(frame));
     }
   }
   return stack;
@@ -173,47 +235,54 @@ KivStack KivStackCollector::createAddrInfos(std::span<const std::uint64_t> addre
 
 std::optional<core::Shared<KivCrashAddrInfo>> KivStackCollector::createAddrInfo(std::uint64_t address,
                                                                                 std::uint32_t index) noexcept {
-  const std::optional<Frame> known = keptFrame(address);
-  return known ? known : makeFrame(address, index, index == 0 ? address : address - 1);
+  const bool isCrash = core::CrashOwner::isCurrentThread();
+  const std::optional<Frame> known = keptFrame(address, isCrash);
+  return known ? known : makeFrame(address, index, index == 0 ? address : address - 1, isCrash);
 }
 
 template <class Use>
-auto KivStackCollector::withKeptFrames(Use&& use) noexcept {
-  if (core::CrashOwner::isCurrentThread()) {
+auto KivStackCollector::withKeptFrames(bool isCrash, Use&& use) noexcept {
+  if (isCrash) {
     return use(allAdrMapsOfCrash_);
   }
   const core::Lock lock(mutex_);
   return use(allAdrMaps_);
 }
 
-std::optional<core::Shared<KivCrashAddrInfo>> KivStackCollector::keptFrame(std::uint64_t address) noexcept {
-  return withKeptFrames([address](const FrameCache& kept) {
+std::optional<core::Shared<KivCrashAddrInfo>> KivStackCollector::keptFrame(std::uint64_t address,
+                                                                           bool isCrash) noexcept {
+  return withKeptFrames(isCrash, [address](const FrameCache& kept) {
     const Frame* frame = kept.find(address);
     return frame != nullptr ? std::optional(*frame) : std::nullopt;
   });
 }
 
 std::optional<core::Shared<KivCrashAddrInfo>> KivStackCollector::makeFrame(std::uint64_t address, std::uint32_t index,
-                                                                           std::uint64_t executing) noexcept {
+                                                                           std::uint64_t executing,
+                                                                           bool isCrash) noexcept {
   const std::uint64_t aligned = address / kAlignment * kAlignment;
-  const auto image = KivBinaryImageCollector::sharedInstance().getImageByAddr(aligned);
-  if (!image) {
-    return std::nullopt;
-  }
   KivCrashAddrInfo made;
   made.index = index;
   made.addr = address;
-  made.moduleName = image->sname;
-  made.offset = aligned - image->base;
+  std::uint64_t base = 0;
+  const bool isInImage = KivBinaryImageCollector::sharedInstance().lookAt(aligned, [&](const KivMachImageInfo& image) {
+    made.moduleName = image.sname;
+    base = image.base;
+  });
+  if (!isInImage) {
+    return std::nullopt;
+  }
+  made.offset = aligned - base;
   const Text program = procName();
-  if ((program && image->sname != *program) || needSymbol()) {
+  if ((program && *made.moduleName != *program) || needSymbol()) {
     made.lineStr = symbolText(aligned, executing);
   }
   if (!made.lineStr) {
-    made.lineStr = core::kiv_format("%#018llx + %lu", image->base, made.offset);
+    made.lineStr = core::kiv_format("%#018llx + %lu", base, made.offset);
   }
+  made.fullLine = made.getFullStackLine();
   const Frame frame(std::move(made));
-  return withKeptFrames([&](FrameCache& kept) {
+  return withKeptFrames(isCrash, [&](FrameCache& kept) {
     const Frame* other = kept.find(address);  // made by another thread meanwhile
     if (other == nullptr) {
       kept.insert(frame);

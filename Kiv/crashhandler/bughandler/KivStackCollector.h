@@ -7,19 +7,22 @@
 #include <optional>
 #include <span>
 
-#include "Core/Kernel/ThreadList.h"
 #include "Core/Memory/Array.h"
 #include "Core/Memory/Immortal.h"
 #include "Core/Memory/Mutex.h"
 #include "Core/Memory/Published.h"
+#include "Kiv/crashhandler/bughandler/CrashSnapshot.h"
 #include "Kiv/crashhandler/bughandler/FrameCache.h"
 #include "Kiv/crashhandler/bughandler/KivThreadInfo.h"
 
+class KivCrashData;
+
 /// Takes the stacks of all threads and turns addresses into the frames of a report. Any
-/// thread, and fit for the crash path; threads are named by port (core::threadPort).
+/// thread, and fit for the crash path; threads are named by port (core::threadPort). All of
+/// them are read before any frame is made, so that no thread waits for text.
 ///
 /// A frame is made once for an address and handed out again, with the index that it had first,
-/// for the life of the process; a crash has frames of its own. The image list must be loaded.
+/// for the life of the process; a crash has frames of its own.
 class KivStackCollector {
  public:
   using Text = std::optional<core::String>;
@@ -41,6 +44,9 @@ class KivStackCollector {
   Text procName() noexcept;
   void setProcName(Text name) noexcept { procName_.set(std::move(name)); }
 
+  /// What a crash writes down, nullptr before prepare() or where there was no room for it.
+  CrashSnapshot* snapshotOfCrash() const noexcept { return snapshot_; }
+
   /// Fills the crash data's threads, its crashed thread among them: the one whose port differs from
   /// `crashThread` in the low 8 bits at most, whose stack is taken from `context`. The ports
   /// in `resumedThreads` are not stopped for their walk.
@@ -54,8 +60,14 @@ class KivStackCollector {
   /// All threads as they are now; the crash data is left alone.
   Threads liveThreads() noexcept;
 
+  /// The lines of the calling thread's own stack, 128 at most, without the first `skip`.
+  core::Array<core::String> traceOfCaller(unsigned skip) noexcept;
+
+  /// What stands at the top of a stack: where a thread was stopped, or a return address too, as
+  /// in the stack that an exception carries.
+  enum class Top { kStopped, kReturn };
   /// The frames of addresses; one outside every image has none, its number is left out.
-  KivStack createAddrInfos(std::span<const std::uint64_t> addresses) noexcept;
+  KivStack createAddrInfos(std::span<const std::uint64_t> addresses, Top top = Top::kStopped) noexcept;
   std::optional<core::Shared<KivCrashAddrInfo>> createAddrInfo(std::uint64_t address, std::uint32_t index) noexcept;
 
   /// The crashed thread that was collected last.
@@ -67,14 +79,18 @@ class KivStackCollector {
   KivStackCollector() noexcept = default;
 
   using Frame = core::Shared<KivCrashAddrInfo>;
-  Threads readThreads(const core::ThreadList& list) noexcept;
+  Threads threadsOf(const CrashSnapshot& snapshot) noexcept;
+  KivThreadInfo threadOf(const CrashSnapshot& snapshot, const CrashSnapshot::Thread& captured) noexcept;
+  void setCrashedThread(KivCrashData& data, KivThreadInfo& thread) noexcept;
   template <class Use>
-  auto withKeptFrames(Use&& use) noexcept;
-  std::optional<Frame> keptFrame(std::uint64_t address) noexcept;
-  std::optional<Frame> makeFrame(std::uint64_t address, std::uint32_t index, std::uint64_t executing) noexcept;
+  auto withKeptFrames(bool isCrash, Use&& use) noexcept;
+  std::optional<Frame> keptFrame(std::uint64_t address, bool isCrash) noexcept;
+  std::optional<Frame> makeFrame(std::uint64_t address, std::uint32_t index, std::uint64_t executing,
+                                 bool isCrash) noexcept;
 
   std::atomic<bool> isPrepared_{false};
   std::atomic<bool> needSymbol_{false};
+  CrashSnapshot* snapshot_ = nullptr;  // made once, never given back
   core::Published<Text> procName_;
   std::optional<KivThreadInfo> crashThreadInfo_;
 

@@ -4,12 +4,21 @@
 
 KivThreadInfo::Texts KivThreadInfo::getAllShortNames() const noexcept {
   Texts names;
+  addShortNamesTo(names);
+  return names;
+}
+
+// Frames of one image share the bytes of its name, which saves most comparisons.
+void KivThreadInfo::addShortNamesTo(Texts& names) const noexcept {
+  const char* last = nullptr;
   for (const auto& frame : threadStacks) {
-    if (frame->moduleName && !names.contains(*frame->moduleName)) {
-      names.append(*frame->moduleName);
+    if (frame->moduleName && frame->moduleName->data() != last) {
+      last = frame->moduleName->data();
+      if (!names.contains(*frame->moduleName)) {
+        names.append(*frame->moduleName);
+      }
     }
   }
-  return names;
 }
 
 core::String KivThreadInfo::getCurrThreadUUID() const noexcept {
@@ -23,7 +32,8 @@ core::String KivThreadInfo::getCurrThreadUUID() const noexcept {
 core::String KivThreadInfo::getCurrThreadStackLines() const noexcept {
   core::StringBuilder text;
   for (const auto& frame : threadStacks) {
-    core::kiv_append(text, "%@\n", frame->getFullStackLine());
+    frame->appendFullStackLine(text);
+    text.append('\n');
   }
   if (threadStacks.empty()) {
     for (const core::String& line : threadTrace) {
@@ -41,7 +51,7 @@ core::String KivThreadInfo::debugDescription() const noexcept {
   core::StringBuilder lines;
   for (const auto& frame : threadStacks) {
     lines.append(lines.empty() ? "" : "\n");
-    lines.append(frame->getFullStackLine());
+    frame->appendFullStackLine(lines);
   }
   return core::kiv_format("\n%@\nThread %d:\n%@ \nCrashed:%@", description(), threadIndex, lines.view(),
                           isCrashThread ? "YES" : "NO");

@@ -22,6 +22,8 @@ struct KivThreadInfo {
 
   /// Every module of the stack once, in the order in which they come.
   Texts getAllShortNames() const noexcept;
+  /// Adds those that are not among `names` yet.
+  void addShortNamesTo(Texts& names) const noexcept;
   /// All frames' offsets in decimal, one after the other: tells stacks apart.
   core::String getCurrThreadUUID() const noexcept;
   /// The stack's lines, each with its line end.

@@ -4,20 +4,44 @@
 #include <optional>
 
 #include "Core/Memory/Array.h"
+#include "Core/Memory/Mutex.h"
 #include "Core/Memory/Published.h"
 #include "Core/Memory/String.h"
+#include "Kiv/crashhandler/bughandler/CrashHandling.h"
+#include "Platform/RunLoop/Timer.h"
 
-/// Owns crash handling as a whole: installs and removes both catchers together and keeps the
-/// settings that a capture obeys.
-class KivCrashHandler {
+/// Owns crash handling as a whole: installs and removes both catchers together, keeps them
+/// installed against others for a while, keeps the settings that a capture obeys, and saves what was
+/// captured: for now as a log file for the next run.
+class KivCrashHandler final : public CrashHandling {
  public:
   using Names = core::Array<core::String>;
 
   static KivCrashHandler& sharedInstance() noexcept;
 
   void installHandler() noexcept;
-  void uninstallHandler() noexcept;
+  void uninstallHandler() noexcept override;
   bool enabled() const noexcept { return enabled_; }
+
+  /// Takes the signals and exceptions back where another component replaced a handler. Every two
+  /// seconds for the first ten times after the installation, and when the application leaves or enters.
+  void protectHandler(const platform::Timer* timer) noexcept;
+  unsigned checkerCount() const noexcept { return checkerCount_; }
+
+  /// YES tells the rest of the process, once, and the next run.
+  void setCrashAccidentHappen(bool happened) noexcept override;
+  bool isCrashAccidentHappen() const noexcept override { return crashAccidentHappen_; }
+  void stopStallMonitor() noexcept override;
+
+  /// Saves the process's crash data, or the given ones. Whether a report was saved.
+  bool crashHapped() noexcept { return crashHapped(nullptr); }
+  bool crashHapped(KivCrashData* data) noexcept override;
+
+  /// What equal crashes have in common, in 32 hexadecimal digits: application, version, type and stack.
+  static core::String hashOf(const KivCrashData& data) noexcept;
+
+  /// As KivCustomizedException::backtrace.
+  static core::Array<core::String> backtrace(int unused, unsigned skip) noexcept;
 
   void setUserCrashHandlerCallback(int (*callback)()) noexcept { userCrashHandlerCallback_ = callback; }
   void setUserMachHandler(bool use) noexcept { useMachHandler_ = use; }
@@ -36,8 +60,14 @@ class KivCrashHandler {
  private:
   KivCrashHandler() noexcept = default;
   ~KivCrashHandler() = delete;
+  void startGuard() noexcept;
+  bool saveCrashData(KivCrashData& data) noexcept;
+  bool isFilteredOut(const Names& stackNames) const noexcept;
 
+  core::Mutex mutex_;
   std::atomic<bool> enabled_{false};
+  std::atomic<bool> crashAccidentHappen_{false};
+  std::atomic<unsigned> checkerCount_{0};
   std::atomic<bool> enableLastCloseRecord_{true};
   std::atomic<bool> useMachHandler_{false};
   std::atomic<bool> mergeExp_{false};

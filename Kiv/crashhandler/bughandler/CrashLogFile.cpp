@@ -1,0 +1,73 @@
+#include "Kiv/crashhandler/bughandler/CrashLogFile.h"
+
+#include <fcntl.h>
+
+#include "Core/Files/Directory.h"
+#include "Core/Files/File.h"
+#include "Core/Files/SpareDescriptor.h"
+#include "Core/Kernel/Process.h"
+#include "Core/Memory/Immortal.h"
+#include "Core/Memory/Published.h"
+#include "Core/Text/Format.h"
+
+namespace {
+
+constexpr std::string_view kPrefix = "crash_";
+constexpr std::string_view kSeenPrefix = "seen_crash_";
+constexpr std::string_view kSuffix = ".txt";
+constexpr std::size_t kSeenKept = 10;
+
+core::Published<core::String>& directoryOfLogs() noexcept {
+  static core::Immortal<core::Published<core::String>> directory;
+  return *directory;
+}
+
+bool isLog(std::string_view name, std::string_view prefix) noexcept {
+  return name.starts_with(prefix) && name.ends_with(kSuffix);
+}
+
+void removeOldSeen(const core::String& directory) noexcept {
+  const auto names = core::listDirectory(directory);
+  core::Array<core::String> seen;
+  for (std::size_t i = 0; names && i < names->size(); ++i) {
+    if (isLog((*names)[i], kSeenPrefix)) {
+      seen.append((*names)[i]);
+    }
+  }
+  for (std::size_t i = 0; i + kSeenKept < seen.size(); ++i) {
+    core::removeFile(core::joinPath(directory, seen[i]));
+  }
+}
+
+}  // namespace
+
+void CrashLogFile::prepare(const core::String& directory) noexcept {
+  directoryOfLogs().set(directory);
+  core::SpareDescriptor::prepare();
+}
+
+bool CrashLogFile::write(std::string_view log, std::int64_t seconds) noexcept {
+  // Seconds of ten digits, so that names sort by time.
+  const core::String name = core::kiv_format("%@%010lld_%d%@", kPrefix, seconds, core::processId(), kSuffix);
+  const core::String path = core::joinPath(directoryOfLogs().get(), name);
+  const auto file = core::File::open(path, O_WRONLY | O_CREAT | O_TRUNC);
+  return file && file->write({reinterpret_cast<const std::uint8_t*>(log.data()), log.size()}) == 0 && file->sync() == 0;
+}
+
+std::optional<core::String> CrashLogFile::takeNewest(const core::String& directory) noexcept {
+  std::optional<core::String> newest;
+  const auto names = core::listDirectory(directory);
+  for (std::size_t i = 0; names && i < names->size(); ++i) {
+    const core::String& name = (*names)[i];
+    if (!isLog(name, kPrefix)) {
+      continue;
+    }
+    const core::String from = core::joinPath(directory, name);
+    const core::String to = core::joinPath(directory, core::kiv_format("seen_%@", name));
+    newest = core::renameFile(from, to) == 0 ? to : from;
+  }
+  if (newest) {
+    removeOldSeen(directory);
+  }
+  return newest;
+}

@@ -1,0 +1,259 @@
+#include "Kiv/crashhandler/bughandler/SignalHandling.h"
+
+#include <sys/syscall.h>
+#include <ucontext.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+
+#include "Core/Kernel/Futex.h"
+#include "Core/Kernel/KernelSignal.h"
+#include "Core/Kernel/Process.h"
+#include "Core/Kernel/SystemCall.h"
+#include "Core/Kernel/ThreadList.h"
+#include "Core/Kernel/ThreadSuspension.h"
+#include "Core/Memory/CrashHeap.h"
+#include "Core/Memory/CrashOwner.h"
+#include "Core/Text/Format.h"
+#include "Kiv/common/KivModelBase.h"
+#include "Kiv/common/utils/KivLog.h"
+#include "Kiv/crashhandler/bughandler/CrashHandling.h"
+#include "Kiv/crashhandler/bughandler/CrashSnapshot.h"
+#include "Kiv/crashhandler/bughandler/CrashWatchdog.h"
+#include "Kiv/crashhandler/bughandler/KivCollectCrashInfos.h"
+#include "Kiv/crashhandler/bughandler/KivCrashData.h"
+#include "Kiv/crashhandler/bughandler/KivSigHandler.h"
+#include "Kiv/crashhandler/bughandler/KivSignalNames.h"
+#include "Kiv/crashhandler/bughandler/KivStackCollector.h"
+
+namespace {
+
+constexpr std::int64_t kNanosecondsAMillisecond = 1'000'000;
+/// How long threads at the gate wait for a forwarded crash to end the process.
+constexpr std::int64_t kForwardedPatience = 1'000'000'000;
+
+enum GateState : std::uint32_t { kClosed, kForwarded };
+
+siginfo_t temp_siginfo;
+std::atomic<std::uint32_t> crashCount{0};
+std::uint32_t gate = kClosed;
+
+core::KernelSignalSet fatalSignals() noexcept {
+  core::KernelSignalSet signals = 0;
+  for (const int signal : fatalsigs) {
+    signals |= core::signalBit(signal);
+  }
+  return signals;
+}
+
+/// While a crash is handled a fault of the handling must still arrive, and the watchdog's timer;
+/// everything else that could come between waits.
+core::KernelSignalSet waitingSignals() noexcept {
+  return ~(fatalSignals() | core::signalBit(CrashWatchdog::timerSignal()));
+}
+
+void changeMask(int how, core::KernelSignalSet signals) noexcept {
+  core::systemCall(SYS_rt_sigprocmask, how, &signals, nullptr, sizeof signals);
+}
+
+/// To the calling thread: it stays pending while the signal is blocked.
+void raiseSignal(int sig) noexcept {
+  core::systemCall(SYS_tgkill, core::processId(), core::threadId(), sig);
+}
+
+/// Waits for the owner of the crash to end the process, and lets it read this thread's stack.
+/// Returns when a handler that was there before has taken the crash over and the process lives on.
+void waitAtGate() noexcept {
+  changeMask(SIG_UNBLOCK, core::signalBit(core::ThreadSuspension::kSignal));
+  while (__atomic_load_n(&gate, __ATOMIC_ACQUIRE) == kClosed) {
+    core::futexWait(gate, kClosed, kForwardedPatience);
+  }
+  const std::int64_t end = core::monotonicNanoseconds() + kForwardedPatience;
+  for (std::int64_t left; (left = end - core::monotonicNanoseconds()) > 0;) {
+    core::futexWait(gate, kForwarded, left);
+  }
+}
+
+bool isSameSignal(const siginfo_t& a, const siginfo_t& b) noexcept {
+  return a.si_signo == b.si_signo && a.si_errno == b.si_errno && a.si_code == b.si_code && a.si_pid == b.si_pid &&
+         a.si_uid == b.si_uid && a.si_status == b.si_status && a.si_addr == b.si_addr && a.si_band == b.si_band;
+}
+
+/// Meaningful only for what the kernel found; else it shares its place with process and user id.
+std::uint64_t addressOf(const siginfo_t& info) noexcept {
+  return info.si_code > 0 ? reinterpret_cast<std::uint64_t>(info.si_addr) : 0;
+}
+
+CrashSnapshot::Facts factsOf(const siginfo_t& info, const void* context, std::uint32_t count) noexcept {
+  CrashSnapshot::Facts facts{};
+  facts.time = core::wallClockNanoseconds() / kNanosecondsAMillisecond;
+  facts.address = addressOf(info);
+  facts.signal = info.si_signo;
+  facts.code = info.si_code;
+  facts.error = info.si_errno;
+  facts.count = count;
+  facts.crashThread = core::threadPort(core::threadId());
+  std::memcpy(facts.registers, static_cast<const ucontext_t*>(context)->uc_mcontext.gregs, sizeof facts.registers);
+  if (CrashSnapshot* snapshot = KivStackCollector::sharedInstance().snapshotOfCrash()) {
+    snapshot->facts = facts;
+  }
+  return facts;
+}
+
+void describe(KivCrashData& data, const CrashSnapshot::Facts& facts) noexcept {
+  data.setTime(facts.time);
+  data.setHandler(core::String("Signal Handler"));
+  siginfo_t info{};
+  info.si_signo = facts.signal;
+  info.si_code = facts.code;
+  char buffer[32];
+  const char* name;
+  const char* code;
+  kiv_map_sig_name(&info, buffer, name, code);
+  const KivCrashData::Text thrown = data.type();
+  data.setType(thrown ? core::kiv_format("%@(%@)", *thrown, name) : core::kiv_format("%s", name));
+  if (!data.error()) {
+    data.setError(core::kiv_format("%s", code));
+  }
+  data.setAddress(core::kiv_format("%#018llx", facts.address));
+  data.setCrashThread(facts.crashThread);
+  if (!data.crashOnceMore()) {
+    data.addLastExceptionInfo(
+        core::kiv_format("Exception Type: %@\nException Codes: %@ at %@", data.type(), data.error(), data.address()));
+  }
+}
+
+/// Notes the crash; false when it is the handling's own for the second time, which is the end.
+bool countEntry(KivCrashData& data, int sig, const siginfo_t& info, std::uint32_t count) noexcept {
+  if (count == 1) {
+    data.appendSessionEvent(core::kiv_format("sdk[%@] handle signal: %d info(%d, %d, %d)",
+                                             KivModelBase::getDefualtAnaModel().sdkVersion(), sig, info.si_signo,
+                                             info.si_errno, info.si_code));
+    return true;
+  }
+  data.setCrashOnceMore(true);
+  if (count == 2) {
+    data.appendSessionEvent(
+        core::kiv_format("sdk handle signal: %d info(%d, %d, %d)", sig, info.si_signo, info.si_errno, info.si_code));
+    kiv_log_always("<KIV> Trap a fatal signal %d [%d, %d, %d] again", sig, info.si_signo, info.si_errno, info.si_code);
+    return true;
+  }
+  kiv_log_always("<KIV> Trap a fatal singal %d once more, terminate the app now!!!", sig);
+  return false;
+}
+
+void callPrevious(int sig, siginfo_t* info, void* context) noexcept {
+  const struct sigaction* previous = PreviousActions::of(sig);
+  if (previous == nullptr) {
+    return;
+  }
+  if ((previous->sa_flags & SA_SIGINFO) != 0) {
+    if (previous->sa_sigaction != nullptr) {
+      previous->sa_sigaction(sig, info, context);
+    }
+  } else if (previous->sa_handler != SIG_DFL && previous->sa_handler != SIG_IGN) {
+    kiv_log_info("Forward signal %d to the handler %p", sig, reinterpret_cast<const void*>(previous->sa_handler));
+    previous->sa_handler(sig);
+  }
+}
+
+/// As the kernel would call a handler of the signal, with the six signals blocked besides.
+void restoreMask(const void* context) noexcept {
+  core::KernelSignalSet interrupted;
+  std::memcpy(&interrupted, &static_cast<const ucontext_t*>(context)->uc_sigmask, sizeof interrupted);
+  changeMask(SIG_SETMASK, interrupted | fatalSignals());
+}
+
+/// The handler that was there before may leave by a jump: everything that a crash holds is given
+/// back before it is called.
+void forward(int sig, siginfo_t* info, void* context) noexcept {
+  CrashWatchdog::release();
+  core::ThreadSuspension::resumeAll();
+  core::CrashOwner::release();
+  __atomic_store_n(&gate, kForwarded, __ATOMIC_RELEASE);
+  core::futexWake(gate);
+  restoreMask(context);
+  callPrevious(sig, info, context);
+  raiseSignal(sig);
+}
+
+/// Everything from the first look at the signal to its forwarding. Each section that runs out of
+/// memory costs what it was about to do, not the rest.
+void handle(int sig, siginfo_t* info, void* context) noexcept {
+  const std::uint32_t count = ++crashCount;
+  CrashHandling& handling = CrashHandling::current();
+  if (isSameSignal(*info, temp_siginfo)) {
+    core::CrashSection::run([&] {
+      kiv_log_info("signal %d info(%d, %d, %d) already handled,uninstall", sig, info->si_signo, info->si_errno,
+                   info->si_code);
+    });
+    kiv_uninstall_signal_handler();
+    return;
+  }
+  temp_siginfo = *info;
+  changeMask(SIG_SETMASK, waitingSignals());
+  core::CrashSection::run([&] { handling.setCrashAccidentHappen(true); });
+  core::CrashSection::run([&] { handling.stopStallMonitor(); });
+  if (!KivSigHandler::sharedInstance().isInstalled()) {
+    core::CrashSection::run([] { kiv_log_info("Signal handler uninstalled, won't handle it"); });
+    kiv_uninstall_signal_handler();
+    changeMask(SIG_BLOCK, fatalSignals());
+    raiseSignal(sig);
+    return;
+  }
+  KivCrashData& data = KivCrashData::expData();
+  bool goesOn = true;
+  core::CrashSection::run([&] {
+    kiv_log_always("<KIV> Trap a fatal signal: %d [%d, %d, %d]", sig, info->si_signo, info->si_errno, info->si_code);
+    goesOn = countEntry(data, sig, *info, count);
+  });
+  if (!goesOn || count > 2) {
+    core::CrashSection::run([&] { handling.uninstallHandler(); });
+    changeMask(SIG_BLOCK, fatalSignals());
+    raiseSignal(sig);
+    return;
+  }
+  core::CrashSection::run([&] { describe(data, factsOf(*info, context, count)); });
+  core::CrashSection::run([&] {
+    const std::uint32_t port = data.crashThread();
+    kiv_collect_crash_infos(static_cast<const ucontext_t*>(context)->uc_mcontext, &port, 0);
+  });
+  core::CrashSection::run([&] {
+    kiv_log_info("Notify crash happened.");
+    handling.crashHapped(nullptr);
+  });
+  changeMask(SIG_BLOCK, fatalSignals());
+  core::CrashSection::run([&] {
+    kiv_log_info("Crash handling complete. Uninstall the handlers and forward the signal.");
+    handling.uninstallHandler();
+  });
+  forward(sig, info, context);
+}
+
+}  // namespace
+
+void kiv_signal_handler(int sig, siginfo_t* info, void* context) noexcept {
+  switch (core::CrashOwner::claim()) {
+    case core::CrashOwner::Claim::kRefused:
+      waitAtGate();
+      return;
+    case core::CrashOwner::Claim::kAgain:
+      core::ThreadSuspension::resumeAll();
+      break;
+    case core::CrashOwner::Claim::kFirst:
+      __atomic_store_n(&gate, kClosed, __ATOMIC_RELAXED);
+      CrashWatchdog::arm(sig);
+      break;
+  }
+  handle(sig, info, context);
+}
+
+void kiv_uninstall_signal_handler() noexcept {
+  struct sigaction standard {};
+  standard.sa_handler = SIG_DFL;
+  for (const int signal : fatalsigs) {
+    sigaction(signal, &standard, nullptr);
+  }
+  std::memset(&temp_siginfo, 0, sizeof temp_siginfo);
+}
