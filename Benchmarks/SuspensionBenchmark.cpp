@@ -9,8 +9,10 @@
 
 #include "Core/Kernel/SuspensionRound.h"
 #include "Core/Kernel/ThreadSuspension.h"
+#include "Core/Kernel/Unwind/CodeImages.h"
+#include "Core/Kernel/Unwind/FrameWalk.h"
 
-// How long it takes to stop a thread, read its registers and let it go, without walking its stack.
+// How long it takes to stop a thread, read its registers or walk its stack, and let it go.
 // The owner of a crash does not look at a thread before it asks; others do.
 
 namespace {
@@ -70,12 +72,17 @@ class CrashScope {
   bool isCrash_;
 };
 
-/// range(0): as the owner of a crash; range(1): threads asked ahead.
+/// range(0): as the owner of a crash; range(1): threads asked ahead; range(2): stacks walked.
 void allThreads(benchmark::State& state) {
+  static std::uint8_t block[16384];
+  static std::uint64_t frames[core::kMostFrames];
+  core::CodeImages::refresh();
+  const core::WalkContext context{block};
   const std::vector<int>& ids = sleepers();
   const CrashScope crash(state.range(0) != 0);
   const bool ahead = state.range(1) != 0;
   std::int64_t silent = 0;
+  std::size_t walked = 0;
   for (auto _ : state) {
     SuspensionRound round;
     SuspendedThread next = round.ask(ids[0]);
@@ -86,7 +93,11 @@ void allThreads(benchmark::State& state) {
         next = round.ask(ids[following]);
       }
       silent += current.wait() != SuspendedThread::Answer::kHeld;
-      benchmark::DoNotOptimize(current.registers());
+      if (state.range(2) != 0) {
+        walked += core::walk(current.registers(), frames, context);
+      } else {
+        benchmark::DoNotOptimize(current.registers());
+      }
       current.resume();
       if (!ahead && following != 0) {
         next = round.ask(ids[following]);
@@ -96,8 +107,9 @@ void allThreads(benchmark::State& state) {
   const double threads = static_cast<double>(state.iterations()) * kThreads;
   state.counters["perThread"] = benchmark::Counter(threads, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
   state.counters["silent"] = static_cast<double>(silent);
+  state.counters["frames"] = static_cast<double>(walked) / threads;
 }
-BENCHMARK(allThreads)->ArgNames({"crash", "ahead"})->ArgsProduct({{0, 1}, {0, 1}})->UseRealTime();
+BENCHMARK(allThreads)->ArgNames({"crash", "ahead", "walk"})->ArgsProduct({{0, 1}, {0, 1}, {0, 1}})->UseRealTime();
 
 void reportDistribution(benchmark::State& state, std::vector<double>& microseconds) {
   std::sort(microseconds.begin(), microseconds.end());

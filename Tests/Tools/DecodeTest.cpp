@@ -43,6 +43,15 @@ TEST(Decode, RecognisesFilesByTheirContent) {
   }
   const test::Outcome model = decodeInput("<plist><dict><key>ana_ver_hash</key><string>1.0</string></dict></plist>");
   EXPECT_EQ(model.output, "model file\n\nana_ver_hash: 1.0\n") << model.errors;
+  // An entry that another tool archived: {"md5": "0AB", "hasNew": true}.
+  const test::Outcome index = decodeInput(
+      "<plist><dict><key>0AB</key><data>"
+      "YnBsaXN0MDDUAQIDBAUGFxpZJGFyY2hpdmVyWCRvYmplY3RzVCR0b3BYJHZlcnNpb25fEA9OU0tleWVkQXJjaGl2ZXKlBwgP"
+      "EBFVJG51bGzTCQoLDA0OViRjbGFzc1ZoYXNOZXdTbWQ1gASAA4ACUzBBQgnSEhMUFVgkY2xhc3Nlc1okY2xhc3NuYW1lohUW"
+      "XxAQS2l2Q3Jhc2hNZXRhRGF0YVhOU09iamVjdNEYGVRyb290gAESAAGGoAgRGyQpMkRKUFdeZWlrbW9zdHmCjZCjrK+0tgAA"
+      "AAAAAAEBAAAAAAAAABsAAAAAAAAAAAAAAAAAAAC7"
+      "</data></dict></plist>");
+  EXPECT_EQ(index.output, "crash index\n\n0AB:\n  $class: KivCrashMetaData\n  hasNew: true\n  md5: 0AB\n");
 }
 
 TEST(Decode, ShowsBareRecordsByNameAndOthersByTag) {
