@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <thread>
 #include <vector>
 
@@ -72,7 +73,8 @@ class CrashScope {
   bool isCrash_;
 };
 
-/// range(0): as the owner of a crash; range(1): threads asked ahead; range(2): stacks walked.
+/// Threads are held one or two at a time. range(0): as the owner of a crash; range(1): the next is asked
+/// ahead; range(2): stacks walked.
 void allThreads(benchmark::State& state) {
   static std::uint8_t block[16384];
   static std::uint64_t frames[core::kMostFrames];
@@ -92,7 +94,7 @@ void allThreads(benchmark::State& state) {
       if (ahead && following != 0) {
         next = round.ask(ids[following]);
       }
-      silent += current.wait() != SuspendedThread::Answer::kHeld;
+      silent += current.wait() == SuspendedThread::Answer::kSilent;
       if (state.range(2) != 0) {
         walked += core::walk(current.registers(), frames, context);
       } else {
@@ -110,6 +112,40 @@ void allThreads(benchmark::State& state) {
   state.counters["frames"] = static_cast<double>(walked) / threads;
 }
 BENCHMARK(allThreads)->ArgNames({"crash", "ahead", "walk"})->ArgsProduct({{0, 1}, {0, 1}, {0, 1}})->UseRealTime();
+
+/// Threads copy their stacks, which are walked meanwhile: what a crash and a dump do. range(0): as the owner
+/// of a crash; range(1): how many are asked and not yet read.
+void allThreadsCopied(benchmark::State& state) {
+  static std::uint64_t frames[core::kMostFrames];
+  core::CodeImages::refresh();
+  const core::OwnMemory memory;
+  const std::vector<int>& ids = sleepers();
+  const CrashScope crash(state.range(0) != 0);
+  const auto window = static_cast<std::size_t>(state.range(1));
+  std::int64_t silent = 0;
+  std::size_t walked = 0;
+  for (auto _ : state) {
+    SuspensionRound round;
+    std::deque<SuspendedThread> asked;
+    for (std::size_t i = 0, next = 0; i < ids.size(); ++i) {
+      while (next < ids.size() && next < i + window) {
+        asked.push_back(round.ask(ids[next++], {.copiesStack = true}));
+      }
+      SuspendedThread& current = asked.front();
+      silent += current.wait() != SuspendedThread::Answer::kCopied;
+      walked += core::walk(current.registers(), frames, current.stackCopy(), memory).value_or(0);
+      asked.pop_front();
+    }
+  }
+  const double threads = static_cast<double>(state.iterations()) * kThreads;
+  state.counters["perThread"] = benchmark::Counter(threads, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["silent"] = static_cast<double>(silent);
+  state.counters["frames"] = static_cast<double>(walked) / threads;
+}
+BENCHMARK(allThreadsCopied)
+    ->ArgNames({"crash", "window"})
+    ->ArgsProduct({{0, 1}, {2, 4, 8, SuspensionRound::kMostAsked}})
+    ->UseRealTime();
 
 void reportDistribution(benchmark::State& state, std::vector<double>& microseconds) {
   std::sort(microseconds.begin(), microseconds.end());

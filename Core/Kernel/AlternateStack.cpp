@@ -108,6 +108,16 @@ Record* makeRecord() noexcept {
   return &records[index];
 }
 
+/// Makes memory of the pages that the kernel's frame and a small handler's own take.
+void touchTop(const Record& record) noexcept {
+  constexpr std::size_t kSmallHandler = 1024;
+  const std::size_t used = getauxval(AT_MINSIGSTKSZ) + kSmallHandler;
+  volatile char* const end = record.low.load(std::memory_order_relaxed) + AlternateStack::size();
+  for (std::size_t depth = 1; depth < used + kPage; depth += kPage) {
+    *(end - depth) = 0;
+  }
+}
+
 Record* take(int thread) noexcept {
   Record* record = takeFree();
   if (record == nullptr && handedOut.load(std::memory_order_relaxed) >= nextLook.load(std::memory_order_relaxed)) {
@@ -118,6 +128,7 @@ Record* take(int thread) noexcept {
     record = makeRecord();
   }
   if (record != nullptr) {
+    touchTop(*record);
     handedOut.fetch_add(1, std::memory_order_relaxed);
     record->owner.store(ownerOf(thread), std::memory_order_release);
   }
@@ -163,7 +174,7 @@ Outcome giveTo(SuspensionRound& round, int thread) noexcept {
   bool held;
   bool took;
   {
-    SuspendedThread suspended = round.ask(thread, stackOf(*record));
+    SuspendedThread suspended = round.ask(thread, {.offeredStack = stackOf(*record)});
     held = suspended.wait() == SuspendedThread::Answer::kHeld;
     took = suspended.tookStack();
   }

@@ -9,7 +9,9 @@ namespace core {
 class SuspensionRound;
 
 /// Stacks for signal handlers, so that a thread whose own stack is used up can still report its
-/// crash: 256 KiB of address space each, the lowest page of it a guard, touched only as used.
+/// crash: 256 KiB of address space each, the lowest page of it a guard. What the kernel puts there
+/// for a handler is memory already (two pages as a rule): a crash stops every thread, and would have
+/// to find the memory for each. The rest is touched only as used.
 /// Never unmapped, since the kernel may start a handler on one at any time; when a thread has
 /// ended, its stack serves another. A thread that has an alternate stack keeps what it has.
 ///

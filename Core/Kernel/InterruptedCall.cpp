@@ -64,8 +64,10 @@ KIV_UNINSTRUMENTED bool isReadable(std::uint64_t address) noexcept {
 }
 
 KIV_UNINSTRUMENTED bool readCodeBefore(std::uint64_t instructionPointer, std::uint8_t (&code)[kCodeBefore]) noexcept {
+  constexpr std::uint64_t kPage = 4096;
   const std::uint64_t start = instructionPointer - kCodeBefore;
-  if (!isReadable(start) || !isReadable(instructionPointer - sizeof(KernelSignalSet))) {
+  const std::uint64_t last = instructionPointer - sizeof(KernelSignalSet);
+  if (!isReadable(last) || (start / kPage != (instructionPointer - 1) / kPage && !isReadable(start))) {
     return false;
   }
   const auto* bytes = reinterpret_cast<const volatile std::uint8_t*>(start);

@@ -8,6 +8,7 @@
 
 #include "Core/Kernel/Futex.h"
 #include "Core/Kernel/KernelSignal.h"
+#include "Core/Kernel/OwnMemory.h"
 #include "Core/Kernel/Process.h"
 #include "Core/Kernel/SuspensionRound.h"
 #include "Core/Kernel/SuspensionSlot.h"
@@ -22,8 +23,10 @@ namespace {
 /// how often.
 constexpr std::int64_t kPatience = 2'000'000;
 constexpr std::int64_t kLook = 10'000'000;
-/// A thread that runs, or sleeps on an idle processor, comes before sleeping for it would pay.
+/// A thread that runs, or sleeps on an idle processor, comes before sleeping for it would pay; and while
+/// one is held, nobody is to be woken first. One that copies its stack and goes on can wait.
 constexpr std::int64_t kSpin = 10'000;
+constexpr std::int64_t kSpinForCopy = 2'000;
 
 /// Threads that did not come, by the low bits of their ids. While one still blocks the
 /// signal it is not sent another, which would only pile up in the kernel.
@@ -68,32 +71,30 @@ SuspendedThread& SuspendedThread::operator=(SuspendedThread&& other) noexcept {
   return *this;
 }
 
-void SuspendedThread::ask(const stack_t& offeredStack) noexcept {
-  if (thread_ == threadId() || (!round_->isCrash() && CrashOwner::exists())) {
+void SuspendedThread::ask(const SuspensionRequest& request) noexcept {
+  if (thread_ == round_->thread_ || (!round_->isCrash() && CrashOwner::exists())) {
     answer_ = Answer::kRefused;
     return;
   }
   if (adopt()) {
     return;
   }
-  lookAhead();
-  if (shouldBeSent() && claimSlot(offeredStack)) {
+  const CallAhead ahead = lookAhead();
+  if (shouldBeSent(ahead) && claimSlot(request, ahead)) {
     send();
   } else {
     settleUnheld();
   }
 }
 
-void SuspendedThread::lookAhead() noexcept {
-  if (!round_->isCrash()) {
-    if (const auto sleeping = readSleepingThread(thread_)) {
-      ahead_ = {sleeping->call, sleeping->stackPointer, sleeping->instructionPointer};
-    }
-  }
+CallAhead SuspendedThread::lookAhead() const noexcept {
+  const auto sleeping = round_->isCrash() ? std::nullopt : readSleepingThread(thread_);
+  return sleeping ? CallAhead{sleeping->call, sleeping->stackPointer, sleeping->instructionPointer}
+                  : CallAhead{-1, 0, 0};
 }
 
-bool SuspendedThread::shouldBeSent() const noexcept {
-  if (ahead_.number == SYS_rt_sigtimedwait || !ThreadSuspension::isInstalled()) {
+bool SuspendedThread::shouldBeSent(const CallAhead& ahead) const noexcept {
+  if (ahead.number == SYS_rt_sigtimedwait || !ThreadSuspension::isInstalled()) {
     return false;
   }
   if ((SilentThreads::contains(thread_) || round_->budget_ <= 0) && blocksSignal(thread_)) {
@@ -103,15 +104,18 @@ bool SuspendedThread::shouldBeSent() const noexcept {
   return true;
 }
 
-bool SuspendedThread::claimSlot(const stack_t& offeredStack) noexcept {
-  for (std::uint32_t i = 0; i < kSuspensionSlots; ++i) {
+bool SuspendedThread::claimSlot(const SuspensionRequest& request, const CallAhead& ahead) noexcept {
+  for (std::uint32_t tried = 0; tried < kSuspensionSlots; ++tried) {
+    const std::uint32_t i = round_->nextSlot_++ % kSuspensionSlots;
     SuspensionSlot& slot = suspensionSlots[i];
     const std::uint32_t word = slotWord(slot);
     const std::uint32_t generation = (generationOf(word) + 1) % kGenerations;
     if (phaseOf(word) == SlotPhase::kFree && stepSlot(slot, word, slotWordOf(generation, SlotPhase::kAsked))) {
       slot.thread = thread_;
-      slot.ahead = ahead_;
-      slot.offeredStack = offeredStack;
+      slot.ahead = ahead;
+      slot.offeredStack = request.offeredStack;
+      slot.copiesStack = request.copiesStack;
+      slot.isAwaited = 0;
       slot_ = static_cast<int>(i);
       generation_ = generation;
       return true;
@@ -124,7 +128,7 @@ void SuspendedThread::send() noexcept {
   siginfo_t info{};
   info.si_signo = ThreadSuspension::kSignal;
   info.si_code = SI_QUEUE;
-  info.si_pid = processId();
+  info.si_pid = round_->process_;
   info.si_value.sival_ptr =
       reinterpret_cast<void*>(std::uint64_t{generation_} << kPayloadSlotBits | static_cast<std::uint64_t>(slot_));
   if (systemCall(SYS_rt_tgsigqueueinfo, info.si_pid, thread_, info.si_signo, &info) < 0) {
@@ -137,19 +141,21 @@ SuspendedThread::Answer SuspendedThread::wait() noexcept {
   if (answer_ != Answer::kAsked) {
     return answer_;
   }
-  const SuspensionSlot& slot = suspensionSlots[slot_];
+  SuspensionSlot& slot = suspensionSlots[slot_];
   const std::int64_t start = monotonicNanoseconds();
+  const std::int64_t spin = slot.copiesStack ? kSpinForCopy : kSpin;
   std::int64_t deadline = start + kPatience;
-  for (std::uint32_t word; !isHeld(word = slotWord(slot)) || generationOf(word) != generation_;) {
+  for (std::uint32_t word; !isAnswered(word = slotWord(slot)) || generationOf(word) != generation_;) {
     if (generationOf(word) != generation_ || phaseOf(word) == SlotPhase::kFree) {
       slot_ = -1;  // the owner of a crash has taken the thread and let it go
       return answer_ = Answer::kRefused;
     }
     const std::int64_t now = monotonicNanoseconds();
-    if (now - start < kSpin) {
+    if (now - start < spin) {
       __builtin_ia32_pause();
     } else if (now < deadline) {
-      futexWait(slot.word, word, deadline - now);
+      __atomic_store_n(&slot.isAwaited, 1, __ATOMIC_SEQ_CST);
+      futexWait(slot.word, word, deadline - now);  // looks at the word again before it sleeps
     } else if (isLost(now - start) && giveUp()) {
       round_->budget_ -= now - start;
       return adopt() ? answer_ : settleUnheld();
@@ -160,7 +166,7 @@ SuspendedThread::Answer SuspendedThread::wait() noexcept {
   if (const std::int64_t waited = monotonicNanoseconds() - start; waited > kPatience) {
     round_->budget_ -= waited;
   }
-  return settleHeld();
+  return settleAnswered();
 }
 
 // One that blocks the signal and runs may just be leaving the handler of its last suspension.
@@ -196,19 +202,21 @@ bool SuspendedThread::adopt() noexcept {
       slot_ = static_cast<int>(i);
       generation_ = generationOf(word);
       isAdopted_ = true;
-      settleHeld();
+      settleAnswered();
       return true;
     }
   }
   return false;
 }
 
-SuspendedThread::Answer SuspendedThread::settleHeld() noexcept {
+SuspendedThread::Answer SuspendedThread::settleAnswered() noexcept {
   const SuspensionSlot& slot = suspensionSlots[slot_];
-  context_ = slot.context;
+  registers_ = registersOf(slot.context);
   name_ = slot.name;
   tookStack_ = slot.tookStack;
-  return answer_ = Answer::kHeld;
+  answer_ = phaseOf(slotWord(slot)) == SlotPhase::kCopied ? Answer::kCopied : Answer::kHeld;
+  round_->copiesFail_ |= slot.copiesStack && answer_ == Answer::kHeld;
+  return answer_;
 }
 
 SuspendedThread::Answer SuspendedThread::settleUnheld() noexcept {
@@ -216,8 +224,8 @@ SuspendedThread::Answer SuspendedThread::settleUnheld() noexcept {
     return answer_ = Answer::kGone;
   }
   if (const auto sleeping = readSleepingThread(thread_)) {
-    context_.gregs[REG_RIP] = static_cast<greg_t>(sleeping->instructionPointer);
-    context_.gregs[REG_RSP] = static_cast<greg_t>(sleeping->stackPointer);
+    registers_.instructionPointer = sleeping->instructionPointer;
+    registers_[Registers::kRsp] = sleeping->stackPointer;
   }
   name_ = readThreadName(thread_);
   return answer_ = Answer::kSilent;
@@ -231,11 +239,41 @@ void SuspendedThread::resume() noexcept {
     return;
   }
   SuspensionSlot& slot = suspensionSlots[slot_];
-  const SlotPhase phase = isAdopted_ ? SlotPhase::kAdopted : SlotPhase::kHeld;
-  if (stepSlot(slot, slotWordOf(generation_, phase), slotWordOf(generation_, SlotPhase::kFree))) {
+  const SlotPhase phase = answer_ == Answer::kCopied ? SlotPhase::kCopied
+                          : isAdopted_               ? SlotPhase::kAdopted
+                                                     : SlotPhase::kHeld;
+  if (stepSlot(slot, slotWordOf(generation_, phase), slotWordOf(generation_, SlotPhase::kFree)) &&
+      phase != SlotPhase::kCopied) {
     futexWake(slot.word);
   }
   slot_ = -1;
+}
+
+void SuspendedThread::askToStay() noexcept {
+  resume();
+  answer_ = Answer::kAsked;
+  isAdopted_ = false;
+  ask(SuspensionRequest{});
+}
+
+bool SuspendedThread::copyContext(MachineContext& into) const noexcept {
+  if (answer_ != Answer::kHeld) {
+    into.machine.gregs[REG_RIP] = static_cast<greg_t>(registers_.instructionPointer);
+    into.machine.gregs[REG_RSP] = static_cast<greg_t>(registers_[Registers::kRsp]);
+    return false;
+  }
+  into.machine = suspensionSlots[slot_].context;
+  const auto floats = reinterpret_cast<std::uint64_t>(into.machine.fpregs);
+  into.machine.fpregs = &into.floats;
+  return floats != 0 && readOwnMemory(floats, &into.floats, sizeof into.floats);
+}
+
+StackCopy SuspendedThread::stackCopy() const noexcept {
+  if (answer_ != Answer::kCopied) {
+    return {};
+  }
+  const SuspensionSlot& slot = suspensionSlots[slot_];
+  return {registers_[Registers::kRsp], {slot.stack, slot.stackSize}};
 }
 
 }  // namespace core

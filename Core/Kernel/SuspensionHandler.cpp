@@ -3,6 +3,7 @@
 #include <linux/futex.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 
 #include <climits>
 
@@ -66,6 +67,27 @@ KIV_UNINSTRUMENTED void waitToBeResumed(const SuspensionSlot& slot, std::uint32_
   }
 }
 
+/// Through the kernel, which stops at the stack's end instead of faulting there.
+KIV_UNINSTRUMENTED bool copyStack(SuspensionSlot& slot) noexcept {
+  iovec copy;
+  copy.iov_base = slot.stack;
+  copy.iov_len = kStackCopySize;
+  iovec stack;
+  stack.iov_base = reinterpret_cast<void*>(slot.context.gregs[REG_RSP]);
+  stack.iov_len = kStackCopySize;
+  const long size = uninstrumentedCall(SYS_process_vm_readv, slot.thread, reinterpret_cast<long>(&copy), 1,
+                                       reinterpret_cast<long>(&stack), 1, 0);
+  slot.stackSize = size > 0 ? static_cast<std::size_t>(size) : 0;
+  return size > 0;
+}
+
+KIV_UNINSTRUMENTED void answer(SuspensionSlot& slot, std::uint32_t word) noexcept {
+  __atomic_store_n(&slot.word, word, __ATOMIC_SEQ_CST);
+  if (__atomic_load_n(&slot.isAwaited, __ATOMIC_SEQ_CST) != 0) {
+    uninstrumentedCall(SYS_futex, reinterpret_cast<long>(&slot.word), FUTEX_WAKE_PRIVATE, INT_MAX);
+  }
+}
+
 }  // namespace
 
 KIV_UNINSTRUMENTED void onSuspensionSignal(int, siginfo_t* info, void* interrupted) noexcept {
@@ -92,9 +114,12 @@ KIV_UNINSTRUMENTED void onSuspensionSignal(int, siginfo_t* info, void* interrupt
   copyRegisters(context, slot);
   takeStack(context, slot);
   uninstrumentedCall(SYS_prctl, PR_GET_NAME, reinterpret_cast<long>(slot.name.bytes));
-  __atomic_store_n(&slot.word, wordOf(generation, SlotPhase::kHeld), __ATOMIC_RELEASE);
-  uninstrumentedCall(SYS_futex, reinterpret_cast<long>(&slot.word), FUTEX_WAKE_PRIVATE, INT_MAX);
-  waitToBeResumed(slot, generation);
+  if (slot.copiesStack && copyStack(slot)) {
+    answer(slot, wordOf(generation, SlotPhase::kCopied));
+  } else {
+    answer(slot, wordOf(generation, SlotPhase::kHeld));
+    waitToBeResumed(slot, generation);
+  }
   repairInterruptedCall(context, ahead);
 }
 

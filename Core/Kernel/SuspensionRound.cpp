@@ -1,7 +1,5 @@
 #include "Core/Kernel/SuspensionRound.h"
 
-#include "Core/Kernel/OwnMemory.h"
-
 namespace core {
 namespace {
 
@@ -9,22 +7,19 @@ Mutex rounds;
 
 }  // namespace
 
-SuspensionRound::SuspensionRound() noexcept : lock_(rounds), isCrash_(CrashOwner::isCurrentThread()) {}
+SuspensionRound::SuspensionRound() noexcept
+    : lock_(rounds), isCrash_(CrashOwner::isCurrentThread()), process_(processId()), thread_(threadId()) {}
 
-SuspendedThread SuspensionRound::ask(int thread, const stack_t& offeredStack) noexcept {
+SuspendedThread SuspensionRound::ask(int thread, const SuspensionRequest& request) noexcept {
   SuspendedThread asked(*this, thread);
-  asked.ask(offeredStack);
+  asked.ask(request);
   return asked;
 }
 
 bool readOtherContext(SuspensionRound& round, int thread, MachineContext& context) noexcept {
   SuspendedThread suspended = round.ask(thread);
   suspended.wait();
-  context.machine = suspended.context();
-  const auto floats = reinterpret_cast<std::uint64_t>(context.machine.fpregs);
-  context.machine.fpregs = &context.floats;
-  return suspended.answer() == SuspendedThread::Answer::kHeld && floats != 0 &&
-         readOwnMemory(floats, &context.floats, sizeof context.floats);
+  return suspended.copyContext(context);
 }
 
 }  // namespace core

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "Core/Kernel/MachineContext.h"
@@ -15,8 +16,8 @@ namespace core {
 /// nobody and takes over the threads that an interrupted round holds; from then on other
 /// rounds are refused. Not in a forked child, save by the owner of a crash there.
 ///
-/// A thread can be asked while another is read, so that it stops meanwhile; at most two are to
-/// be held. While one is held: no allocation, no lock, no log.
+/// While a thread is held: no allocation, no lock, no log. One can be asked while another is read,
+/// so that it stops meanwhile, and many when they are to copy their stacks: see window().
 ///
 ///     SuspensionRound round;
 ///     SuspendedThread thread = round.ask(id);
@@ -31,9 +32,12 @@ class SuspensionRound {
  public:
   SuspensionRound() noexcept;
 
-  SuspendedThread ask(int thread) noexcept { return ask(thread, stack_t{}); }
-  /// Also offers an alternate stack, which the thread takes if it has none.
-  SuspendedThread ask(int thread, const stack_t& offeredStack) noexcept;
+  SuspendedThread ask(int thread, const SuspensionRequest& request = {}) noexcept;
+
+  /// The most threads that are to be asked and not yet let go: two that are held; of those that stand
+  /// no longer than they take to copy their stacks, enough to keep every processor at it.
+  std::size_t window() const noexcept { return copiesFail_ ? 2 : kMostAsked; }
+  static constexpr std::size_t kMostAsked = 16;
 
   bool isCrash() const noexcept { return isCrash_; }
   /// Nanoseconds that are left for threads that do not come.
@@ -44,6 +48,10 @@ class SuspensionRound {
 
   Lock lock_;
   bool isCrash_;
+  int process_;
+  int thread_;
+  std::uint32_t nextSlot_ = 0;
+  bool copiesFail_ = false;
   std::int64_t budget_ = 150'000'000;
 };
 

@@ -6,20 +6,25 @@
 #include <cstdint>
 
 #include "Core/Kernel/InterruptedCall.h"
+#include "Core/Kernel/SuspensionRound.h"
 #include "Core/Kernel/ThreadFiles.h"
 
 namespace core {
 
 /// How far one suspension has come. Who may step on: the asking thread from kFree, kAsked back
-/// to it and out of kHeld and kAdopted; the asked one from kAsked on to kHeld; the owner of a crash
-/// from kHeld to kAdopted.
+/// to it and out of kHeld, kAdopted and kCopied; the asked one from kAsked on to kHeld or kCopied; the
+/// owner of a crash from kHeld to kAdopted.
 enum class SlotPhase : std::uint32_t {
   kFree,
   kAsked,    ///< the signal is on its way
   kCopying,  ///< the thread has come and writes its answer
   kHeld,     ///< the answer stands, the thread waits
-  kAdopted   ///< the same, for the owner of a crash in place of whoever asked
+  kAdopted,  ///< the same, for the owner of a crash in place of whoever asked
+  kCopied    ///< the answer stands, with a copy of the stack; the thread goes on
 };
+
+/// Stacks mostly end before that; a copy costs by the page that is there.
+inline constexpr std::size_t kStackCopySize = 16384;
 
 /// Where a thread that is asked to stop meets the one that asks. Plain memory, since the
 /// suspension handler must not call instrumented functions: both sides use atomic built-ins.
@@ -29,16 +34,24 @@ struct alignas(64) SuspensionSlot {
   /// The last generation that was given up though its thread did not block the signal.
   std::uint32_t starved;
 
+  /// Whether the asking thread sleeps until the answer stands; both sides look after each other's
+  /// write, so that one of them sees it.
+  std::uint32_t isAwaited;
+
   int thread;
   CallAhead ahead;
   stack_t offeredStack;  ///< size 0 for none
+  bool copiesStack;      ///< the thread is to go on once it has copied its stack, if it can
 
   mcontext_t context;  ///< of the held thread; its pointer to the float state points into its stack
   ThreadName name;
   bool tookStack;
+  std::size_t stackSize;  ///< bytes of the copy, which begins at the stack pointer
+  std::uint8_t stack[kStackCopySize];
 };
 
-inline constexpr std::uint32_t kSuspensionSlots = 4;
+/// For a round and the crash that interrupts it, each with the most threads that are asked at a time.
+inline constexpr std::uint32_t kSuspensionSlots = 2 * SuspensionRound::kMostAsked + 4;
 extern SuspensionSlot suspensionSlots[kSuspensionSlots];
 
 /// The word is the generation, counted up with each use of the slot, and below it the phase.
@@ -58,6 +71,9 @@ constexpr SlotPhase phaseOf(std::uint32_t word) noexcept {
 }
 constexpr std::uint32_t generationOf(std::uint32_t word) noexcept {
   return word >> kPhaseBits;
+}
+constexpr bool isAnswered(std::uint32_t word) noexcept {
+  return phaseOf(word) >= SlotPhase::kHeld;
 }
 constexpr bool isHeld(std::uint32_t word) noexcept {
   return phaseOf(word) == SlotPhase::kHeld || phaseOf(word) == SlotPhase::kAdopted;

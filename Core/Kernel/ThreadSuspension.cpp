@@ -39,7 +39,8 @@ bool ThreadSuspension::isInstalled() noexcept {
 void ThreadSuspension::resumeAll() noexcept {
   for (SuspensionSlot& slot : suspensionSlots) {
     const std::uint32_t word = slotWord(slot);
-    if (isHeld(word) && stepSlot(slot, word, slotWordOf(generationOf(word), SlotPhase::kFree))) {
+    const bool isOpen = phaseOf(word) == SlotPhase::kAsked || isAnswered(word);
+    if (isOpen && stepSlot(slot, word, slotWordOf(generationOf(word), SlotPhase::kFree))) {
       futexWake(slot.word);
     }
   }

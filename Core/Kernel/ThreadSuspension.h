@@ -17,8 +17,8 @@ class ThreadSuspension {
   /// Whether the signal is still ours; sent otherwise, it would end the process.
   static bool isInstalled() noexcept;
 
-  /// Lets all held threads go, whoever holds them: for the owner of a crash, when its handling
-  /// ends or has itself faulted.
+  /// Lets all held threads go, whoever holds them, and forgets those that are still to come: for the owner of a crash,
+  /// when its handling ends or has itself faulted.
   static void resumeAll() noexcept;
 };
 

@@ -14,10 +14,16 @@
 namespace core {
 
 /// A system call for such functions; see rawSystemCall.
-KIV_UNINSTRUMENTED static inline long uninstrumentedCall(long number, long a = 0, long b = 0, long c = 0, long d = 0) {
+KIV_UNINSTRUMENTED static inline long uninstrumentedCall(long number, long a = 0, long b = 0, long c = 0, long d = 0,
+                                                         long e = 0, long f = 0) {
   long result;
   register long r10 asm("r10") = d;
-  asm volatile("syscall" : "=a"(result) : "a"(number), "D"(a), "S"(b), "d"(c), "r"(r10) : "rcx", "r11", "memory");
+  register long r8 asm("r8") = e;
+  register long r9 asm("r9") = f;
+  asm volatile("syscall"
+               : "=a"(result)
+               : "a"(number), "D"(a), "S"(b), "d"(c), "r"(r10), "r"(r8), "r"(r9)
+               : "rcx", "r11", "memory");
   return result;
 }
 

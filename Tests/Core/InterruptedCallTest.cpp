@@ -206,7 +206,8 @@ struct Caller {
       place = test::awaitSleep(worker.id(), call.hiddenNumber, place);
     }
     SuspensionRound round;
-    SuspendedThread stopped = round.ask(worker.id());
+    copiesStack = !copiesStack;
+    SuspendedThread stopped = round.ask(worker.id(), {.copiesStack = copiesStack});
     alwaysCame = stopped.wait() != Answer::kSilent && alwaysCame;
     core::walk(stopped.registers(), frames, {block});
   }
@@ -218,6 +219,7 @@ struct Caller {
   std::atomic<int> begun{0};
   std::atomic<long> wrong{0};
   bool alwaysCame = true;
+  bool copiesStack = false;
   std::uint64_t place = 0;
   std::array<std::uint8_t, 4096> block{};
   std::array<std::uint64_t, core::kMostFrames> frames{};

@@ -6,12 +6,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <deque>
 #include <memory>
 #include <vector>
 
 #include "Core/Kernel/SuspensionRound.h"
 #include "Core/Kernel/ThreadSuspension.h"
+#include "Core/Kernel/Unwind/CodeImages.h"
+#include "Core/Kernel/Unwind/FrameWalk.h"
 #include "Tests/Core/Worker.h"
 
 namespace {
@@ -63,13 +66,60 @@ TEST_F(SuspensionTest, HeldThreadShowsItsState) {
     EXPECT_EQ(suspended.name().view(), "spinner");
     EXPECT_EQ(suspended.registers()[Registers::kR12], 0x2222U);
     EXPECT_EQ(suspended.registers()[Registers::kRdi], 0x3333U);
-    EXPECT_EQ(suspended.context().gregs[REG_CSGSFS] & 0xFFFF, 0x33);
+    EXPECT_TRUE(suspended.copyContext(context));
+    EXPECT_EQ(context.machine.gregs[REG_CSGSFS] & 0xFFFF, 0x33);
   }
   stop = true;
   EXPECT_TRUE(core::readThreadContext(round, core::threadPort(core::threadId()), context));
   const auto here = reinterpret_cast<greg_t>(__builtin_frame_address(0));
   EXPECT_LE(context.machine.gregs[REG_RSP], here);
   EXPECT_GT(context.machine.gregs[REG_RSP], here - 65536);
+}
+
+[[gnu::noinline]] int countBelow(int frames, const std::atomic<bool>& stop, std::atomic<std::uint64_t>& counted) {
+  volatile char room[256];
+  room[0] = 1;
+  if (frames > 0) {
+    return countBelow(frames - 1, stop, counted) + room[0];
+  }
+  while (!stop) {
+    ++counted;
+  }
+  return room[0];
+}
+
+// The copy tells the same stack as holding the thread does, and where it ends too early the thread is held.
+TEST_F(SuspensionTest, ThreadGoesOnOnceItHasCopiedItsStack) {
+  core::CodeImages::refresh();
+  const core::OwnMemory memory;
+  std::vector<std::uint8_t> block(4096);
+  for (const int depth : {5, 100}) {
+    std::atomic<bool> stop{false};
+    std::atomic<std::uint64_t> counted{0};
+    Worker worker([&] { countBelow(depth, stop, counted); });
+    while (counted == 0) {
+    }
+    SuspensionRound round;
+    std::array<std::uint64_t, core::kMostFrames> copied{};
+    std::array<std::uint64_t, core::kMostFrames> held{};
+    SuspendedThread suspended = round.ask(worker.id(), {.copiesStack = true});
+    ASSERT_EQ(suspended.wait(), Answer::kCopied);
+    for (const std::uint64_t before = counted; counted < before + 1000;) {
+    }
+    const auto count = core::walk(suspended.registers(), copied, suspended.stackCopy(), memory);
+    suspended.askToStay();
+    ASSERT_EQ(suspended.wait(), Answer::kHeld);
+    const std::uint64_t before = counted;
+    const std::size_t heldCount = core::walk(suspended.registers(), held, {.block = block});
+    EXPECT_EQ(counted, before);
+    EXPECT_GT(heldCount, static_cast<std::size_t>(depth));
+    EXPECT_EQ(count.has_value(), depth == 5);
+    EXPECT_EQ(count.value_or(heldCount), heldCount);
+    held[0] = copied[0];  // where in the loop it was
+    EXPECT_TRUE(count ? copied == held : std::ranges::count(copied, 0) == core::kMostFrames);
+    suspended.resume();
+    stop = true;
+  }
 }
 
 TEST_F(SuspensionTest, ThreadsThatBlockTheSignalShareOneBudget) {

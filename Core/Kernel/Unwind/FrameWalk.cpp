@@ -2,6 +2,8 @@
 
 #include <ucontext.h>
 
+#include <algorithm>
+#include <array>
 #include <optional>
 
 #include "Core/Kernel/Unwind/CallFrame.h"
@@ -17,7 +19,11 @@ constexpr std::uint64_t kWord = sizeof(std::uint64_t);
 class Walker {
  public:
   Walker(const Registers& start, const WalkContext& context) noexcept
-      : context_(context), window_(context.memory, context.block), frame_(start, window_) {}
+      : mayRefreshImages_(context.mayRefreshImages), window_(context.memory, context.block), frame_(start, window_) {}
+  Walker(const Registers& start, const StackCopy& copy, const OwnMemory& memory) noexcept
+      : mayRefreshImages_(false), window_(memory, copy), frame_(start, window_) {}
+
+  bool hadAll() const noexcept { return !window_.isShort(); }
 
   std::size_t run(std::span<std::uint64_t, kMostFrames> frames) noexcept {
     std::size_t count = 0;
@@ -72,7 +78,7 @@ class Walker {
     if (image != nullptr || hasRefreshed_ || !memory().read(address, &code, sizeof code)) {
       return image;
     }
-    if (!context_.mayRefreshImages) {
+    if (!mayRefreshImages_) {
       CodeImages::noteUnknownCode();
       return nullptr;
     }
@@ -130,17 +136,22 @@ class Walker {
   /// The stack pointer stands at what the kernel put there for the return.
   bool stepOverSignal() noexcept {
     mcontext_t interrupted;
-    const std::uint64_t place = frame_.stackPointer() + offsetof(ucontext_t, uc_mcontext.gregs);
-    if (!memory().read(place, &interrupted.gregs, sizeof interrupted.gregs)) {
-      return false;
+    std::uint64_t place = frame_.stackPointer() + offsetof(ucontext_t, uc_mcontext.gregs);
+    for (greg_t& value : interrupted.gregs) {
+      std::uint64_t word = 0;
+      if (!frame_.word(place, word)) {
+        return false;
+      }
+      value = static_cast<greg_t>(word);
+      place += kWord;
     }
     frame_.enter(registersOf(interrupted));
     return frame_.address() != 0;
   }
 
-  const OwnMemory& memory() const noexcept { return context_.memory; }
+  const OwnMemory& memory() const noexcept { return window_.memory(); }
 
-  const WalkContext& context_;
+  const bool mayRefreshImages_;
   CodeImages::View images_;
   StackWindow window_;
   CallFrame frame_;
@@ -156,6 +167,18 @@ class Walker {
 std::size_t walk(const Registers& start, std::span<std::uint64_t, kMostFrames> frames,
                  const WalkContext& context) noexcept {
   return Walker(start, context).run(frames);
+}
+
+std::optional<std::size_t> walk(const Registers& start, std::span<std::uint64_t, kMostFrames> frames,
+                                const StackCopy& copy, const OwnMemory& memory) noexcept {
+  std::array<std::uint64_t, kMostFrames> found;
+  Walker walker(start, copy, memory);
+  const std::size_t count = walker.run(found);
+  if (!walker.hadAll()) {
+    return std::nullopt;
+  }
+  std::copy_n(found.begin(), count, frames.begin());
+  return count;
 }
 
 }  // namespace core

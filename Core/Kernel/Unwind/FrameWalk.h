@@ -2,10 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 #include "Core/Kernel/OwnMemory.h"
 #include "Core/Kernel/Registers.h"
+#include "Core/Kernel/StackCopy.h"
 
 namespace core {
 
@@ -32,5 +34,10 @@ struct WalkContext {
 /// for the crash path.
 std::size_t walk(const Registers& start, std::span<std::uint64_t, kMostFrames> frames,
                  const WalkContext& context) noexcept;
+
+/// The same of a thread that goes on, over what was copied while it stood. Nothing when that is
+/// not all of its stack, and `frames` is left alone. Images are not refreshed.
+std::optional<std::size_t> walk(const Registers& start, std::span<std::uint64_t, kMostFrames> frames,
+                                const StackCopy& copy, const OwnMemory& memory) noexcept;
 
 }  // namespace core

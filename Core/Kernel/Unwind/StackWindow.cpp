@@ -17,6 +17,10 @@ std::size_t StackWindow::nextFill(std::uint64_t address) const noexcept {
 }
 
 bool StackWindow::readAside(std::uint64_t address, std::uint64_t& into) noexcept {
+  if (block_.empty()) {
+    isShort_ = true;
+    return false;
+  }
   if (address < start_) {
     return memory_.read(address, &into, sizeof into);
   }
@@ -26,7 +30,7 @@ bool StackWindow::readAside(std::uint64_t address, std::uint64_t& into) noexcept
     return false;
   }
   start_ = address;
-  words_ = count - sizeof into + 1;
+  words_ = wordsIn(count);
   std::memcpy(&into, block_.data(), sizeof into);
   return true;
 }

@@ -15,7 +15,7 @@ void kiv_backtrace_fetch(core::SuspensionRound& round, const mcontext_t* context
                          KivFrames frames, bool suspend) noexcept {
   const StackBlock block;
   if (context == nullptr && suspend && core::threadOfPort(thread) != core::threadId()) {
-    core::SuspendedThread asked = round.ask(core::threadOfPort(thread));
+    core::SuspendedThread asked = round.ask(core::threadOfPort(thread), {.copiesStack = true});
     kiv_backtrace_stopped(asked, frames, block);
     return;
   }
@@ -28,9 +28,17 @@ void kiv_backtrace_fetch(core::SuspensionRound& round, const mcontext_t* context
 }
 
 void kiv_backtrace_stopped(core::SuspendedThread& asked, KivFrames frames, const StackBlock& block) noexcept {
-  const core::SuspendedThread::Answer answer = asked.wait();
-  if (answer == core::SuspendedThread::Answer::kHeld || answer == core::SuspendedThread::Answer::kSilent) {
-    core::walk(asked.registers(), frames, {.block = block.bytes()});
+  using Answer = core::SuspendedThread::Answer;
+  Answer answer = asked.wait();
+  if (answer == Answer::kCopied) {
+    if (core::walk(asked.registers(), frames, asked.stackCopy(), block.memory())) {
+      return;
+    }
+    asked.askToStay();
+    answer = asked.wait();
+  }
+  if (answer == Answer::kHeld || answer == Answer::kSilent) {
+    core::walk(asked.registers(), frames, {.block = block.bytes(), .memory = block.memory()});
   }
 }
 

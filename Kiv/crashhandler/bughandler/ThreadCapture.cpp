@@ -1,12 +1,19 @@
 #include "Kiv/crashhandler/bughandler/ThreadCapture.h"
 
 #include <algorithm>
-#include <utility>
+#include <array>
+#include <optional>
 
 #include "Core/Kernel/Process.h"
 #include "Core/Kernel/ThreadList.h"
 #include "Core/Kernel/Unwind/CodeImages.h"
 #include "Kiv/crashhandler/bughandler/KivBacktrace.h"
+
+namespace {
+
+constexpr core::SuspensionRequest kCopy{.copiesStack = true};
+
+}  // namespace
 
 ThreadCapture::ThreadCapture(CrashSnapshot& snapshot, const Request& request) noexcept
     : snapshot_(snapshot), request_(request) {}
@@ -18,24 +25,26 @@ void ThreadCapture::run(std::span<const int> threads) noexcept {
   readEmptyAgain();
 }
 
-// A thread that is not stopped is read while nothing is held: its walk may look at the images anew.
+// A thread that is not stopped is read while no other is asked: its walk may look at the images anew.
 void ThreadCapture::readAll(std::span<const int> threads) noexcept {
-  std::optional<core::SuspendedThread> coming;
+  std::array<std::optional<core::SuspendedThread>, core::SuspensionRound::kMostAsked> asked;
+  std::uint32_t next = 0;
   for (std::uint32_t index = 0; index < threads.size(); ++index) {
+    for (; next < threads.size() && next < index + round_.window() && isToBeStopped(threads[next]); ++next) {
+      asked[next % asked.size()].emplace(round_.ask(threads[next], kCopy));
+    }
     const std::uint32_t port = core::threadPort(threads[index]);
     std::fill_n(frames_.begin(), kCleared, 0);
-    if (!isToBeStopped(threads[index])) {
+    if (next == index) {
       const core::ThreadName name = readRunning(port);
       snapshot_.appendThread(port, index, name, stack(), isCrashed(port));
+      ++next;
       continue;
     }
-    core::SuspendedThread stopped = coming ? std::move(*coming) : round_.ask(threads[index]);
-    coming.reset();
-    if (index + 1 < threads.size() && isToBeStopped(threads[index + 1])) {
-      coming.emplace(round_.ask(threads[index + 1]));
-    }
-    kiv_backtrace_stopped(stopped, frames_, block_);
-    snapshot_.appendThread(port, index, stopped.name(), stack(), isCrashed(port));
+    std::optional<core::SuspendedThread>& current = asked[index % asked.size()];
+    kiv_backtrace_stopped(*current, frames_, block_);
+    snapshot_.appendThread(port, index, current->name(), stack(), isCrashed(port));
+    current.reset();
   }
 }
 
@@ -47,7 +56,7 @@ void ThreadCapture::readEmptyAgain() noexcept {
     const int id = core::threadOfPort(thread.port);
     if (thread.frameCount == 0 && isToBeStopped(id) && core::monotonicNanoseconds() < end) {
       frames_.fill(0);
-      core::SuspendedThread stopped = round_.ask(id);
+      core::SuspendedThread stopped = round_.ask(id, kCopy);
       kiv_backtrace_stopped(stopped, frames_, block_);
       snapshot_.setStack(thread, stack(), isCrashed(thread.port));
     }

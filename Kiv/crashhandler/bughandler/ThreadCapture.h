@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cstdint>
-#include <optional>
 #include <span>
 
 #include "Core/Kernel/SuspensionRound.h"
@@ -13,8 +12,9 @@
 #include "Kiv/crashhandler/bughandler/StackBlock.h"
 
 /// Reads names and stacks of threads into a snapshot, one after the other and with one frame buffer
-/// for all of them. Each is stopped for its own walk only, the next being asked meanwhile. No text is
-/// made of anything here. Fit for the crash path; in normal running another round is waited for.
+/// for all of them. Each stands for the copy of its own stack only, or for its own walk where a copy will
+/// not do, while the next ones are asked already. No text is made of anything here. Fit for the crash path; in normal
+/// running another round is waited for.
 class ThreadCapture {
  public:
   /// What is special about some of the threads.
