@@ -191,7 +191,7 @@ bool SuspendedThread::giveUp() noexcept {
 
 /// A thread that another round holds, when that round is interrupted by a crash.
 bool SuspendedThread::adopt() noexcept {
-  if (!round_->isCrash()) {
+  if (!round_->mayAdopt_) {
     return false;
   }
   for (std::uint32_t i = 0; i < kSuspensionSlots; ++i) {
@@ -272,8 +272,7 @@ StackCopy SuspendedThread::stackCopy() const noexcept {
   if (answer_ != Answer::kCopied) {
     return {};
   }
-  const SuspensionSlot& slot = suspensionSlots[slot_];
-  return {registers_[Registers::kRsp], {slot.stack, slot.stackSize}};
+  return {registers_[Registers::kRsp], {suspensionStacks[slot_], suspensionSlots[slot_].stackSize}};
 }
 
 }  // namespace core

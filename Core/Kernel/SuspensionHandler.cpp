@@ -27,6 +27,7 @@ kivReturnFromSuspension:
 namespace core {
 
 constinit SuspensionSlot suspensionSlots[kSuspensionSlots]{};
+constinit std::uint8_t suspensionStacks[kSuspensionSlots][kStackCopySize]{};
 
 namespace {
 
@@ -70,7 +71,7 @@ KIV_UNINSTRUMENTED void waitToBeResumed(const SuspensionSlot& slot, std::uint32_
 /// Through the kernel, which stops at the stack's end instead of faulting there.
 KIV_UNINSTRUMENTED bool copyStack(SuspensionSlot& slot) noexcept {
   iovec copy;
-  copy.iov_base = slot.stack;
+  copy.iov_base = suspensionStacks[&slot - suspensionSlots];
   copy.iov_len = kStackCopySize;
   iovec stack;
   stack.iov_base = reinterpret_cast<void*>(slot.context.gregs[REG_RSP]);

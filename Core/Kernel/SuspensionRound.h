@@ -48,6 +48,7 @@ class SuspensionRound {
 
   Lock lock_;
   bool isCrash_;
+  bool mayAdopt_;  // the round of a crash, which has interrupted another
   int process_;
   int thread_;
   std::uint32_t nextSlot_ = 0;

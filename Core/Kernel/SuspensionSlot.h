@@ -47,12 +47,13 @@ struct alignas(64) SuspensionSlot {
   ThreadName name;
   bool tookStack;
   std::size_t stackSize;  ///< bytes of the copy, which begins at the stack pointer
-  std::uint8_t stack[kStackCopySize];
 };
 
 /// For a round and the crash that interrupts it, each with the most threads that are asked at a time.
 inline constexpr std::uint32_t kSuspensionSlots = 2 * SuspensionRound::kMostAsked + 4;
 extern SuspensionSlot suspensionSlots[kSuspensionSlots];
+/// The copies, by slot.
+extern std::uint8_t suspensionStacks[kSuspensionSlots][kStackCopySize];
 
 /// The word is the generation, counted up with each use of the slot, and below it the phase.
 inline constexpr std::uint32_t kPhaseBits = 3;

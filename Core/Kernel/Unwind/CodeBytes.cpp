@@ -61,4 +61,10 @@ bool isSignalReturn(const OwnMemory& memory, std::uint64_t address) noexcept {
          (count >= kShort.size() && std::memcmp(code.data(), kShort.data(), kShort.size()) == 0);
 }
 
+bool isSignalReturn(const CodeImages::View& images, const OwnMemory& memory, std::uint64_t address) noexcept {
+  const CodeImage* const image = images.covering(address);
+  const bool isCommon = image != nullptr && image->steps && (*image->steps)->find(address).kind() == StepRule::kCommon;
+  return !isCommon && isSignalReturn(memory, address);
+}
+
 }  // namespace core

@@ -42,16 +42,29 @@ KivCrashAddrInfo::Text symbolText(std::uint64_t aligned, std::uint64_t executing
   return core::String(text);
 }
 
-/// A return address lies behind its call, perhaps in the next function; where a thread was
-/// stopped or interrupted, the address itself was next.
-std::uint64_t executingAddress(std::span<const std::uint64_t> addresses, std::size_t index,
-                               KivStackCollector::Top top) noexcept {
-  const core::OwnMemory memory;
-  const bool isExact = (index == 0 && top == KivStackCollector::Top::kStopped) ||
-                       core::isSignalReturn(memory, addresses[index]) ||
-                       (index != 0 && core::isSignalReturn(memory, addresses[index - 1]));
-  return addresses[index] - (isExact ? 0 : 1);
-}
+/// What a stack's frames were executing. A return address lies behind its call, perhaps in the next
+/// function; where a thread was stopped or interrupted, the address itself was next.
+class ExecutingAddresses {
+ public:
+  ExecutingAddresses(std::span<const std::uint64_t> stack, KivStackCollector::Top top) noexcept
+      : stack_(stack), top_(top) {}
+
+  std::uint64_t operator[](std::size_t index) const noexcept {
+    const bool isExact = index == 0 ? top_ == KivStackCollector::Top::kStopped || isSignalReturn(0)
+                                    : isSignalReturn(index) || isSignalReturn(index - 1);
+    return stack_[index] - (isExact ? 0 : 1);
+  }
+
+ private:
+  bool isSignalReturn(std::size_t index) const noexcept {
+    return core::isSignalReturn(images_, memory_, stack_[index]);
+  }
+
+  const std::span<const std::uint64_t> stack_;
+  const KivStackCollector::Top top_;
+  const core::CodeImages::View images_;
+  const core::OwnMemory memory_;
+};
 
 void bringImagesUpToDate(const CrashSnapshot& snapshot) noexcept {
   KivBinaryImageCollector::sharedInstance().bringUpToDate({snapshot.addresses, snapshot.addressCount});
@@ -216,15 +229,15 @@ core::Array<core::String> KivStackCollector::traceOfCaller(unsigned skip) noexce
   return lines;
 }
 
-// Whose frames to use is asked once for all of them: it is a system call while a crash is handled.
 KivStack KivStackCollector::createAddrInfos(std::span<const std::uint64_t> addresses, Top top) noexcept {
   const bool isCrash = core::CrashOwner::isCurrentThread();
+  const ExecutingAddresses executing(addresses, top);
   KivStack stack;
   stack.reserve(addresses.size());
   for (std::uint32_t i = 0; i < addresses.size(); ++i) {
     std::optional<Frame> frame = keptFrame(addresses[i], isCrash);
     if (!frame) {
-      frame = makeFrame(addresses[i], i, executingAddress(addresses, i, top), isCrash);
+      frame = makeFrame(addresses[i], i, executing[i], isCrash);
     }
     if (frame) {
       stack.append(*std::move(frame));
