@@ -28,6 +28,11 @@ int makeParents(std::string_view path, unsigned mode) noexcept {
   return first;
 }
 
+bool isDirectory(const String& path) noexcept {
+  const auto facts = fileFacts(path);
+  return facts && facts->isDirectory;
+}
+
 std::string_view withoutTrailingSlashes(std::string_view path) noexcept {
   while (path.size() > 1 && path.back() == '/') {
     path.remove_suffix(1);
@@ -39,7 +44,7 @@ std::string_view withoutTrailingSlashes(std::string_view path) noexcept {
 
 int createDirectories(const String& path, unsigned mode) noexcept {
   // Mostly it is there, and to look costs less than to try.
-  if (const auto facts = fileFacts(path); facts && facts->isDirectory) {
+  if (isDirectory(path)) {
     return 0;
   }
   int error = makeDirectory(path, mode);
@@ -48,10 +53,7 @@ int createDirectories(const String& path, unsigned mode) noexcept {
     error = makeDirectory(path, mode);
     error = error == ENOENT && parentError != 0 ? parentError : error;
   }
-  if (error == 0) {
-    return 0;
-  }
-  if (const auto facts = fileFacts(path); facts && facts->isDirectory) {
+  if (error == 0 || isDirectory(path)) {
     return 0;
   }
   return error == EEXIST ? ENOTDIR : error;

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 
 #include "Core/Kernel/KernelSignal.h"
+#include "Core/Kernel/SystemCall.h"
 #include "Core/Kernel/ThreadSuspension.h"
 #include "Core/Kernel/Uninstrumented.h"
 
@@ -59,8 +60,7 @@ KIV_UNINSTRUMENTED bool mayStartOver(long number) noexcept {
 /// and then refused; the call is never forbidden.
 KIV_UNINSTRUMENTED bool isReadable(std::uint64_t address) noexcept {
   constexpr long kNoWay = 0x7F;
-  return uninstrumentedCall(SYS_rt_sigprocmask, kNoWay, static_cast<long>(address), 0, sizeof(KernelSignalSet)) ==
-         -EINVAL;
+  return rawSystemCall(SYS_rt_sigprocmask, kNoWay, static_cast<long>(address), 0, sizeof(KernelSignalSet)) == -EINVAL;
 }
 
 KIV_UNINSTRUMENTED bool readCodeBefore(std::uint64_t instructionPointer, std::uint8_t (&code)[kCodeBefore]) noexcept {
@@ -96,13 +96,12 @@ KIV_UNINSTRUMENTED int stackLoadBefore(const std::uint8_t* end) noexcept {
 KIV_UNINSTRUMENTED bool handlerWaits(KernelSignalSet blocked) noexcept {
   constexpr KernelSignalSet kOwn = signalBit(ThreadSuspension::kSignal);
   KernelSignalSet waiting = 0;
-  uninstrumentedCall(SYS_rt_sigpending, reinterpret_cast<long>(&waiting), sizeof waiting);
+  rawSystemCall(SYS_rt_sigpending, reinterpret_cast<long>(&waiting), sizeof waiting);
   waiting &= ~(blocked | kOwn);
   for (; waiting != 0; waiting &= waiting - 1) {
     KernelSignalAction action;
     action.handler = nullptr;
-    uninstrumentedCall(SYS_rt_sigaction, __builtin_ctzll(waiting) + 1, 0, reinterpret_cast<long>(&action),
-                       sizeof waiting);
+    rawSystemCall(SYS_rt_sigaction, __builtin_ctzll(waiting) + 1, 0, reinterpret_cast<long>(&action), sizeof waiting);
     if (reinterpret_cast<std::uintptr_t>(action.handler) > 1) {  // neither SIG_DFL nor SIG_IGN
       return true;
     }

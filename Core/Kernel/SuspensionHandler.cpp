@@ -8,6 +8,7 @@
 #include <climits>
 
 #include "Core/Kernel/SuspensionSlot.h"
+#include "Core/Kernel/SystemCall.h"
 #include "Core/Kernel/Uninstrumented.h"
 
 // The instructions that stack walkers know a signal frame by.
@@ -64,7 +65,7 @@ KIV_UNINSTRUMENTED void waitToBeResumed(const SuspensionSlot& slot, std::uint32_
     if (word != wordOf(generation, SlotPhase::kHeld) && word != wordOf(generation, SlotPhase::kAdopted)) {
       return;
     }
-    uninstrumentedCall(SYS_futex, reinterpret_cast<long>(&slot.word), FUTEX_WAIT_PRIVATE, word);
+    rawSystemCall(SYS_futex, reinterpret_cast<long>(&slot.word), FUTEX_WAIT_PRIVATE, word);
   }
 }
 
@@ -76,8 +77,8 @@ KIV_UNINSTRUMENTED bool copyStack(SuspensionSlot& slot) noexcept {
   iovec stack;
   stack.iov_base = reinterpret_cast<void*>(slot.context.gregs[REG_RSP]);
   stack.iov_len = kStackCopySize;
-  const long size = uninstrumentedCall(SYS_process_vm_readv, slot.thread, reinterpret_cast<long>(&copy), 1,
-                                       reinterpret_cast<long>(&stack), 1, 0);
+  const long size = rawSystemCall(SYS_process_vm_readv, slot.thread, reinterpret_cast<long>(&copy), 1,
+                                  reinterpret_cast<long>(&stack), 1, 0);
   slot.stackSize = size > 0 ? static_cast<std::size_t>(size) : 0;
   return size > 0;
 }
@@ -85,7 +86,7 @@ KIV_UNINSTRUMENTED bool copyStack(SuspensionSlot& slot) noexcept {
 KIV_UNINSTRUMENTED void answer(SuspensionSlot& slot, std::uint32_t word) noexcept {
   __atomic_store_n(&slot.word, word, __ATOMIC_SEQ_CST);
   if (__atomic_load_n(&slot.isAwaited, __ATOMIC_SEQ_CST) != 0) {
-    uninstrumentedCall(SYS_futex, reinterpret_cast<long>(&slot.word), FUTEX_WAKE_PRIVATE, INT_MAX);
+    rawSystemCall(SYS_futex, reinterpret_cast<long>(&slot.word), FUTEX_WAKE_PRIVATE, INT_MAX);
   }
 }
 
@@ -114,7 +115,7 @@ KIV_UNINSTRUMENTED void onSuspensionSignal(int, siginfo_t* info, void* interrupt
   ahead.instructionPointer = slot.ahead.instructionPointer;
   copyRegisters(context, slot);
   takeStack(context, slot);
-  uninstrumentedCall(SYS_prctl, PR_GET_NAME, reinterpret_cast<long>(slot.name.bytes));
+  rawSystemCall(SYS_prctl, PR_GET_NAME, reinterpret_cast<long>(slot.name.bytes));
   if (slot.copiesStack && copyStack(slot)) {
     answer(slot, wordOf(generation, SlotPhase::kCopied));
   } else {

@@ -5,12 +5,14 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "Core/Kernel/Uninstrumented.h"
+
 namespace core {
 
 /// One system call straight to the kernel: no errno, no cancellation point, no
-/// interposed wrapper. Answers the result or -errno.
-inline long rawSystemCall(long number, long a = 0, long b = 0, long c = 0, long d = 0, long e = 0,
-                          long f = 0) noexcept {
+/// interposed wrapper, fit for the suspension handler too. Answers the result or -errno.
+KIV_UNINSTRUMENTED inline long rawSystemCall(long number, long a = 0, long b = 0, long c = 0, long d = 0, long e = 0,
+                                             long f = 0) noexcept {
   long result;
   register long r10 asm("r10") = d;
   register long r8 asm("r8") = e;

@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "Core/Kernel/ImageHeaders.h"
-#include "Core/Kernel/SystemCall.h"
 #include "Core/Kernel/Unwind/CodeImages.h"
 #include "Core/Kernel/Unwind/FrameWalk.h"
+#include "Tests/Support/CallProbe.h"
 
 namespace {
 
@@ -195,17 +195,9 @@ TEST_F(FrameWalk, returnsThroughATrampolineWithoutAnEntry) {
   EXPECT_EQ(Addresses(trampoline + 1, below.end()), interrupted);
 }
 
-std::atomic<int> calls{0};
-std::atomic<int> failing{0};
-
-class CallProbe {
- public:
-  explicit CallProbe(core::SystemCallProbe probe) { core::setSystemCallProbe(probe); }
-  ~CallProbe() { core::setSystemCallProbe(nullptr); }
-};
-
 TEST_F(FrameWalk, needsOneSystemCall) {
-  const CallProbe probe([](long) noexcept -> long { return ++calls, 0; });
+  static std::atomic<int> calls{0};
+  const test::CallProbe probe([](long) noexcept -> long { return ++calls, 0; });
   ucontext_t here;
   getcontext(&here);
   calls = 0;
@@ -215,7 +207,7 @@ TEST_F(FrameWalk, needsOneSystemCall) {
 
 TEST_F(FrameWalk, readsTheMemoryFileWhereTheCallIsForbidden) {
   const Addresses free = walkFromHere();
-  const CallProbe probe([](long number) noexcept -> long { return number == SYS_process_vm_readv ? -EPERM : 0; });
+  const test::CallProbe probe(test::failing<SYS_process_vm_readv, EPERM>);
   const Addresses bound = walkFromHere();
   EXPECT_EQ(Addresses(bound.begin() + 1, bound.end()).size(), free.size() - 1);
   EXPECT_EQ(walked(registersAt(0x10, nullptr)), Addresses());
@@ -225,14 +217,11 @@ TEST_F(FrameWalk, readsTheMemoryFileWhereTheCallIsForbidden) {
 /// Does `work` again and again, each time another call of it fails; answers how many it makes.
 template <class Work>
 int failingEachCall(Work&& work) {
-  const CallProbe probe([](long) noexcept -> long { return ++calls == failing ? -EFAULT : 0; });
-  for (failing = 1;; ++failing) {
-    calls = 0;
-    work();
-    if (calls < failing) {
-      return calls;
-    }
+  int n = 1;
+  while (test::runWithFault(n, -EFAULT, work)) {
+    ++n;
   }
+  return n - 1;
 }
 
 void walkWithFailures() {
