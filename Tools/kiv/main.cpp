@@ -1,6 +1,8 @@
 #include <CLI/CLI.hpp>
 
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "Kiv/common/KivModelBase.h"
 #include "Tools/kiv/DecodeCommand.h"
@@ -23,7 +25,10 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kUsageError;
+    // A word that is no subcommand is what is wrong, not that there is none.
+    const std::vector<std::string> unknown = app.remaining();
+    const bool isUnknown = app.get_subcommands().empty() && !unknown.empty();
+    return (isUnknown ? app.exit(CLI::ExtrasError(unknown)) : app.exit(error)) == 0 ? 0 : kUsageError;
   }
   return decode.run();
 }
