@@ -272,7 +272,7 @@ StackCopy SuspendedThread::stackCopy() const noexcept {
   if (answer_ != Answer::kCopied) {
     return {};
   }
-  return {registers_[Registers::kRsp], {suspensionStacks[slot_], suspensionSlots[slot_].stackSize}};
+  return {registers_[Registers::kRsp] - kRedZone, {suspensionStacks[slot_], suspensionSlots[slot_].stackSize}};
 }
 
 }  // namespace core

@@ -55,8 +55,8 @@ class [[nodiscard]] SuspendedThread {
   /// when they could not all be read.
   bool copyContext(MachineContext& into) const noexcept;
   const ThreadName& name() const noexcept { return name_; }
-  /// Of a copied thread, from its stack pointer on, to its end or as far as it was copied. It goes
-  /// with the object.
+  /// Of a copied thread, from the red zone below its stack pointer on, to its end or as far as it was
+  /// copied. It goes with the object.
   StackCopy stackCopy() const noexcept;
 
   /// Whether it took the stack that it was offered.

@@ -75,7 +75,7 @@ KIV_UNINSTRUMENTED bool copyStack(SuspensionSlot& slot) noexcept {
   copy.iov_base = suspensionStacks[&slot - suspensionSlots];
   copy.iov_len = kStackCopySize;
   iovec stack;
-  stack.iov_base = reinterpret_cast<void*>(slot.context.gregs[REG_RSP]);
+  stack.iov_base = reinterpret_cast<void*>(static_cast<std::uint64_t>(slot.context.gregs[REG_RSP]) - kRedZone);
   stack.iov_len = kStackCopySize;
   const long size = rawSystemCall(SYS_process_vm_readv, slot.thread, reinterpret_cast<long>(&copy), 1,
                                   reinterpret_cast<long>(&stack), 1, 0);

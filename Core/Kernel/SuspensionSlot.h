@@ -25,6 +25,9 @@ enum class SlotPhase : std::uint32_t {
 
 /// Stacks mostly end before that; a copy costs by the page that is there.
 inline constexpr std::size_t kStackCopySize = 16384;
+/// Bytes below the stack pointer that no handler touches. A function that has taken its registers off
+/// the stack, and is about to return, is still described as having them there.
+inline constexpr std::uint64_t kRedZone = 128;
 
 /// Where a thread that is asked to stop meets the one that asks. Plain memory, since the
 /// suspension handler must not call instrumented functions: both sides use atomic built-ins.
@@ -46,7 +49,7 @@ struct alignas(64) SuspensionSlot {
   mcontext_t context;  ///< of the held thread; its pointer to the float state points into its stack
   ThreadName name;
   bool tookStack;
-  std::size_t stackSize;  ///< bytes of the copy, which begins at the stack pointer
+  std::size_t stackSize;  ///< bytes of the copy, which begins with the red zone
 };
 
 /// For a round and the crash that interrupts it, each with the most threads that are asked at a time.
