@@ -12,15 +12,19 @@ Result<RecordLock, int> RecordLock::acquire(const String& path, Mode mode) noexc
   if (!file) {
     return file.error();
   }
+  return acquire(std::move(*file), mode);
+}
+
+Result<RecordLock, int> RecordLock::acquire(File file, Mode mode) noexcept {
   struct flock whole {};
   whole.l_type = F_WRLCK;
   whole.l_whence = SEEK_SET;
   const int operation = mode == Mode::kWait ? F_SETLKW : F_SETLK;
-  const int error = errorOf(restartedSystemCall(SYS_fcntl, file->descriptor(), operation, &whole));
+  const int error = errorOf(restartedSystemCall(SYS_fcntl, file.descriptor(), operation, &whole));
   if (error != 0) {
     return error == EACCES ? EAGAIN : error;
   }
-  return RecordLock(std::move(*file));
+  return RecordLock(std::move(file));
 }
 
 }  // namespace core

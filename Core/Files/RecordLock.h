@@ -14,6 +14,10 @@ class RecordLock {
   /// Opens (making it, 0600) and locks `path`. EAGAIN when another process holds it and `mode`
   /// is kTry.
   static Result<RecordLock, int> acquire(const String& path, Mode mode) noexcept;
+  /// The same for a file that is open for writing, and stays so as long as it is locked.
+  static Result<RecordLock, int> acquire(File file, Mode mode) noexcept;
+
+  const File& file() const noexcept { return file_; }
 
  private:
   explicit RecordLock(File file) noexcept : file_(std::move(file)) {}

@@ -38,11 +38,15 @@ ForkTell::Process ForkTell::current() noexcept {
   if (word == nullptr) {
     return Process::kOwn;
   }
-  const int owner = word->load(std::memory_order_relaxed);
-  if (owner == 0) {
+  if (isForked()) {
     return Process::kForked;
   }
-  return owner == processId() ? Process::kOwn : Process::kVforked;
+  return word->load(std::memory_order_relaxed) == processId() ? Process::kOwn : Process::kVforked;
+}
+
+bool ForkTell::isForked() noexcept {
+  const std::atomic<int>* word = page.load(std::memory_order_acquire);
+  return word != nullptr && word->load(std::memory_order_relaxed) == 0;
 }
 
 }  // namespace core

@@ -19,6 +19,9 @@ class ForkTell {
   static bool prepare() noexcept;
 
   static Process current() noexcept;
+
+  /// Whether this is a child with memory of its own. One load, no system call.
+  static bool isForked() noexcept;
 };
 
 }  // namespace core

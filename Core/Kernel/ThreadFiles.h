@@ -15,7 +15,10 @@ namespace core {
 struct ThreadName {
   char bytes[16];
 
-  std::string_view view() const noexcept { return bytes; }
+  std::string_view view() const noexcept {
+    const std::string_view all(bytes, sizeof bytes);
+    return all.substr(0, all.find('\0'));
+  }
 };
 
 /// Where a thread sleeps.

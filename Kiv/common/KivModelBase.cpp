@@ -165,14 +165,16 @@ void KivModelBase::addExtraValue(const Text& value, const Text& key) noexcept {
       extras.set(core::kiv_format("%@SDK_%@", "C04_", *key), *value);
     }
   });
+  changed_.call();
 }
 
 void KivModelBase::removeExtraValueForKey(std::string_view key) noexcept {
   extras_.update([&](core::Dictionary<core::String>& extras) { extras.remove(key); });
+  changed_.call();
 }
 
 void KivModelBase::removeAllExtraValues() noexcept {
-  extras_.set({});
+  change(extras_, {});
 }
 
 core::String KivModelBase::componentInfos() const noexcept {
@@ -196,14 +198,14 @@ void KivModelBase::setAppId(Text value) noexcept {
   if (value) {
     persistKey(kAppIdKey, core::Value(*value));
   }
-  appId_.set(std::move(value));
+  change(appId_, std::move(value));
 }
 
 void KivModelBase::setStrategyStatus(Text value) noexcept {
   if (strategyStatus() == value) {
     return;
   }
-  strategyStatus_.set(value);
+  change(strategyStatus_, value);
   if (value) {
     persistKey(kStrategyStatusKey, core::Value(*value));
   } else {
@@ -219,7 +221,7 @@ void KivModelBase::setVorin(Text value) noexcept {
   if (vorin_.get() == value) {
     return;
   }
-  vorin_.set(value);
+  change(vorin_, value);
   if (value) {
     persistKey(kVorinKey, core::Value(*value));
     KivBundleUtil::saveVorin(value);
@@ -308,4 +310,5 @@ void KivModelBase::resolveAll() const noexcept {
   executableUUID();
   executableArch();
   executableBaseAddress();
+  changed_.call();
 }

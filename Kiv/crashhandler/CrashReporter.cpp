@@ -12,6 +12,7 @@
 #include "Kiv/crashhandler/CrashReporterState.h"
 #include "Kiv/crashhandler/KivCrashModule.h"
 #include "Kiv/crashhandler/bughandler/CrashLogFile.h"
+#include "Kiv/crashhandler/bughandler/JournalKeeper.h"
 #include "Kiv/crashhandler/bughandler/KivNSExpHandler.h"
 #include "Kiv/crashhandler/bughandler/KivSigHandler.h"
 #include "Kiv/crashhandler/bughandler/KivStackCollector.h"
@@ -296,6 +297,7 @@ bool CrashReporter::isLastCloseByCrash() {
 
 void CrashReporter::setEnableSymbolicateInProcess(bool enable) {
   KivStackCollector::sharedInstance().setNeedSymbol(enable);
+  JournalKeeper::keepIdentity();
 }
 
 void CrashReporter::enableNSExceptionReporter(bool enable) {
@@ -329,6 +331,7 @@ std::optional<std::string> CrashReporter::lastCrashLogPath() {
   const core::Lock lock(state_->findingLog);
   if (!state_->lookedForLog) {
     state_->lookedForLog = true;
+    crashHandler().recoverCrashes();
     state_->lastCrashLog = CrashLogFile::takeNewest(KivFilePersistHandler::sharedInstance().folderPath());
   }
   return toStandard(state_->lastCrashLog);

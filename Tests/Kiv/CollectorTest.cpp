@@ -24,6 +24,7 @@
 #include "Kiv/crashhandler/bughandler/KivRegisterDataCollector.h"
 #include "Kiv/crashhandler/bughandler/KivStackCollector.h"
 #include "Kiv/crashhandler/bughandler/KivSymbolicate.h"
+#include "Kiv/crashhandler/journal/CrashJournal.h"
 #include "Tests/Core/Worker.h"
 #include "Tests/Support/CallProbe.h"
 #include "Tests/Support/Child.h"
@@ -118,6 +119,7 @@ class Collector : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     collector().prepare();
+    CrashJournal::prepare({});
     KivStackCollector::refresh();
     collector().setNeedSymbol(true);
   }

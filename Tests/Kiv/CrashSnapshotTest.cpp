@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "Core/Kernel/Unwind/FrameWalk.h"
-#include "Kiv/crashhandler/bughandler/CrashSnapshot.h"
 #include "Kiv/crashhandler/bughandler/KivBinaryImageCollector.h"
 #include "Kiv/crashhandler/bughandler/KivStackCollector.h"
+#include "Kiv/crashhandler/journal/CrashSnapshot.h"
 
 namespace {
 
@@ -48,8 +48,8 @@ TEST(CrashSnapshot, ShowsNothingOutsideItsRoomWhateverItsNumbersAre) {
   const CrashSnapshot::Mapped snapshot = CrashSnapshot::map();
   snapshot->threadCount = 0xFFFFFFFF;
   EXPECT_EQ(snapshot->allThreads().size(), CrashSnapshot::kMostThreads);
-  EXPECT_TRUE(snapshot->stackOf({0, 0, 0xFFFFFFFF, 0xFFFFFFFF, kName}).empty());
-  EXPECT_EQ(snapshot->stackOf({0, 0, CrashSnapshot::kMostAddresses - 2, 0xFFFFFFFF, kName}).size(), 2U);
+  EXPECT_TRUE(snapshot->stackOf({0, 0, 0xFFFFFFFF, 0xFFFFFFFF, kName, 0}).empty());
+  EXPECT_EQ(snapshot->stackOf({0, 0, CrashSnapshot::kMostAddresses - 2, 0xFFFFFFFF, kName, 0}).size(), 2U);
 }
 
 TEST(BinaryImages, FollowLibrariesThatStacksLeadInto) {

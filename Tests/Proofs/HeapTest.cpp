@@ -20,6 +20,7 @@
 #include "Kiv/crashhandler/bughandler/KivCrashData.h"
 #include "Kiv/crashhandler/bughandler/KivRegisterDataCollector.h"
 #include "Kiv/crashhandler/bughandler/KivStackCollector.h"
+#include "Kiv/crashhandler/journal/CrashJournal.h"
 #include "Tests/Support/Child.h"
 #include "Tests/Support/HeapCount.h"
 #include "Tests/Support/TemporaryDirectory.h"
@@ -84,6 +85,7 @@ template <class Work>
 void expectNoHeapCalls(Work work) {
   const auto crash = [&] {
     KivStackCollector::sharedInstance().prepare();
+    CrashJournal::prepare({});
     KivStackCollector::sharedInstance().setNeedSymbol(true);
     KivStackCollector::refresh();
     std::thread([] { ::pause(); }).detach();

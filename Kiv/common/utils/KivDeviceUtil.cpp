@@ -17,6 +17,8 @@
 namespace {
 
 constexpr std::int64_t kNanosecondsASecond = 1'000'000'000;
+constexpr std::int64_t kNanosecondsAMillisecond = 1'000'000;
+constexpr std::int64_t kMillisecondsASecond = 1000;
 constexpr std::size_t kUuidBytes = 16;
 
 std::int64_t nowSeconds() noexcept {
@@ -94,11 +96,14 @@ core::String KivDeviceUtil::getDayTimeStrBy(std::int64_t seconds) noexcept {
 }
 
 core::String KivDeviceUtil::getFullTimeMsStr() noexcept {
-  const std::int64_t now = core::wallClockNanoseconds();
-  const std::int64_t seconds = now / kNanosecondsASecond;
+  return getFullTimeMsStrBy(core::wallClockNanoseconds() / kNanosecondsAMillisecond);
+}
+
+core::String KivDeviceUtil::getFullTimeMsStrBy(std::int64_t milliseconds) noexcept {
+  const std::int64_t seconds = milliseconds / kMillisecondsASecond;
   const core::CivilTime time = platform::localTime(seconds);
   return core::kiv_format("%d-%02d-%02d %02d:%02d:%02d.%03d %+05d", time.year, time.month, time.day, time.hour,
-                          time.minute, time.second, static_cast<int>(now % kNanosecondsASecond / 1'000'000),
+                          time.minute, time.second, static_cast<int>(milliseconds % kMillisecondsASecond),
                           zoneNumber(platform::utcOffsetAt(seconds)));
 }
 

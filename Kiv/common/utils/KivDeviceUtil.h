@@ -35,6 +35,8 @@ class KivDeviceUtil {
   /// Now, as "2018-03-05 14:03:09.123 +0800" and "2018-03-05".
   static core::String getFullTimeMsStr() noexcept;
   static core::String getDayTimeStr() noexcept;
+  /// The first of these at a moment in milliseconds since 1970.
+  static core::String getFullTimeMsStrBy(std::int64_t milliseconds) noexcept;
 
   /// Bytes; 0 and 1.0 when the file system cannot be asked.
   static float getFreeSpace() noexcept;

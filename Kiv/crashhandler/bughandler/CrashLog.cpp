@@ -3,12 +3,11 @@
 #include "Core/Kernel/Process.h"
 #include "Core/Text/Format.h"
 #include "Core/Text/Join.h"
-#include "Kiv/common/KivModelBase.h"
 #include "Kiv/common/utils/KivDeviceUtil.h"
 #include "Kiv/common/utils/KivLog.h"
 #include "Kiv/crashhandler/bughandler/KivBinaryImageCollector.h"
 #include "Kiv/crashhandler/bughandler/KivCrashData.h"
-#include "Platform/Foundation/Bundle.h"
+#include "Kiv/crashhandler/bughandler/ReporterIdentity.h"
 
 namespace {
 
@@ -33,16 +32,16 @@ std::size_t expectedSize(const KivCrashData& data) noexcept {
   return size;
 }
 
-void appendProcess(core::StringBuilder& log, const KivModelBase& model) noexcept {
-  core::kiv_append(log, "Hardware Model: %@\n", model.hardwareModel());
-  core::kiv_append(log, "Process: %@ [%lu]\n", model.processName(), model.processId());
-  core::kiv_append(log, "Path: %@\n", platform::Bundle::main().resourcePath());
-  core::kiv_append(log, "Identifier: %@\n", model.bundleId());
-  core::kiv_append(log, "Version: %@\n", model.appVersion());
+void appendProcess(core::StringBuilder& log, const ReporterIdentity& identity, std::int64_t now) noexcept {
+  core::kiv_append(log, "Hardware Model: %@\n", identity.hardwareModel);
+  core::kiv_append(log, "Process: %@ [%lu]\n", identity.processName, identity.processId);
+  core::kiv_append(log, "Path: %@\n", identity.resourcePath);
+  core::kiv_append(log, "Identifier: %@\n", identity.bundleId);
+  core::kiv_append(log, "Version: %@\n", identity.appVersion);
   core::kiv_append(log, "Code Type: %@\n", "X86_64");
-  core::kiv_append(log, "Parent Process: %@ [%lu]\n\n", model.parentProcName(), model.parentProcId());
-  core::kiv_append(log, "Date/Time: %@\n", KivDeviceUtil::getFullTimeMsStr());
-  core::kiv_append(log, "OS Version: %@\n", model.osVer());
+  core::kiv_append(log, "Parent Process: %@ [%lu]\n\n", identity.parentProcName, identity.parentProcId);
+  core::kiv_append(log, "Date/Time: %@\n", KivDeviceUtil::getFullTimeMsStrBy(now));
+  core::kiv_append(log, "OS Version: %@\n", identity.osVer);
   log.append("Report Version: 11\n\n");
 }
 
@@ -59,21 +58,20 @@ void appendIfSet(core::StringBuilder& log, OneText format, const Text& text) noe
   }
 }
 
-void appendSession(core::StringBuilder& log, const KivModelBase& model) noexcept {
-  appendMoment(log, "SDK start time: %@\n", model.startTime());
-  appendMoment(log, "SDK enter background time: %@\n", model.backGroundTime());
-  appendMoment(log, "SDK resume time: %@\n", model.resumeTime());
-  if (model.serverTimeDelta() != 0) {
-    core::kiv_append(log, "SDK server time delta: %lli s\n", model.serverTimeDelta() / kMillisecondsASecond);
+void appendSession(core::StringBuilder& log, const ReporterIdentity& identity, std::int64_t now) noexcept {
+  appendMoment(log, "SDK start time: %@\n", identity.startTime);
+  appendMoment(log, "SDK enter background time: %@\n", identity.backGroundTime);
+  appendMoment(log, "SDK resume time: %@\n", identity.resumeTime);
+  if (identity.serverTimeDelta != 0) {
+    core::kiv_append(log, "SDK server time delta: %lli s\n", identity.serverTimeDelta / kMillisecondsASecond);
   }
-  const std::int64_t now = core::wallClockNanoseconds() / kNanosecondsAMillisecond;
-  const std::int64_t last = model.lastRecordTime() > 0 ? model.lastRecordTime() : model.startTime();
+  const std::int64_t last = identity.lastRecordTime > 0 ? identity.lastRecordTime : identity.startTime;
   core::kiv_append(log, "last record time delta : %lli ms\n", now - last);
-  appendIfSet(log, "Orv SDK Version: %@\n", model.sdkVersion());
-  appendIfSet(log, "Orv Registed Uin : %@\n", model.userid());
-  appendIfSet(log, "Orv DeviceId: %@\n", model.openudid());
-  appendIfSet(log, "Orv CI UUID: %@\n", model.pIdentity());
-  core::kiv_append(log, "Orv APP KEY: %@\n\n", model.appId());
+  appendIfSet(log, "Orv SDK Version: %@\n", identity.sdkVersion);
+  appendIfSet(log, "Orv Registed Uin : %@\n", identity.userid);
+  appendIfSet(log, "Orv DeviceId: %@\n", identity.openudid);
+  appendIfSet(log, "Orv CI UUID: %@\n", identity.pIdentity);
+  core::kiv_append(log, "Orv APP KEY: %@\n\n", identity.appId);
 }
 
 void appendException(core::StringBuilder& log, const KivCrashData& data) noexcept {
@@ -129,10 +127,11 @@ void appendDiagnostics(core::StringBuilder& log, const KivCrashData& data) noexc
 }
 
 /// All images, or those alone that occur in a stack where stacks are known.
-void appendImages(core::StringBuilder& log, const KivCrashData& data, const Text& processName) noexcept {
+void appendImages(core::StringBuilder& log, const KivCrashData& data, const KivBinaryImageCollector::Images& images,
+                  const Text& processName) noexcept {
   log.append("\nBinary Images:\n");
   const auto& occurring = data.allStackShortNames();
-  for (const KivMachImageInfo& image : KivBinaryImageCollector::sharedInstance().getAllBinarys()) {
+  for (const KivMachImageInfo& image : images) {
     if (occurring.empty() || occurring.contains(image.sname)) {
       const bool isMain = processName && image.sname == *processName;
       core::kiv_append(log, "%#10llx - %#10llx %@%@ %@ <%@> %@\n", image.base, image.base + image.size - 1,
@@ -146,15 +145,21 @@ void appendImages(core::StringBuilder& log, const KivCrashData& data, const Text
 bool generateCrashLog() noexcept {
   kiv_log_info("Generate the crash.log");
   KivCrashData& data = KivCrashData::expData();
-  const KivModelBase& model = KivModelBase::getDefualtAnaModel();
+  data.setCrashlog(crashLogOf(data, ReporterIdentity::current(),
+                              KivBinaryImageCollector::sharedInstance().getAllBinarys(),
+                              core::wallClockNanoseconds() / kNanosecondsAMillisecond));
+  return true;
+}
+
+core::String crashLogOf(const KivCrashData& data, const ReporterIdentity& identity,
+                        const KivBinaryImageCollector::Images& images, std::int64_t now) noexcept {
   core::StringBuilder log(expectedSize(data));
   core::kiv_append(log, "Handler: %@\n\n", data.handler());
-  appendProcess(log, model);
-  appendSession(log, model);
+  appendProcess(log, identity, now);
+  appendSession(log, identity, now);
   appendException(log, data);
   appendThreads(log, data);
   appendDiagnostics(log, data);
-  appendImages(log, data, model.processName());
-  data.setCrashlog(log.str());
-  return true;
+  appendImages(log, data, images, identity.processName);
+  return log.str();
 }

@@ -1,11 +1,8 @@
 #include "Kiv/crashhandler/bughandler/CrashLogFile.h"
 
-#include <fcntl.h>
-
 #include "Core/Files/Directory.h"
 #include "Core/Files/File.h"
 #include "Core/Files/SpareDescriptor.h"
-#include "Core/Kernel/Process.h"
 #include "Core/Memory/Immortal.h"
 #include "Core/Memory/Published.h"
 #include "Core/Text/Format.h"
@@ -24,6 +21,11 @@ core::Published<core::String>& directoryOfLogs() noexcept {
 
 bool isLog(std::string_view name, std::string_view prefix) noexcept {
   return name.starts_with(prefix) && name.ends_with(kSuffix);
+}
+
+/// Seconds of ten digits, so that names sort by time.
+core::String pathOf(std::string_view prefix, std::int64_t seconds, int process) noexcept {
+  return core::joinPath(directoryOfLogs().get(), core::kiv_format("%@%010lld_%d%@", prefix, seconds, process, kSuffix));
 }
 
 void removeOldSeen(const core::String& directory) noexcept {
@@ -46,12 +48,14 @@ void CrashLogFile::prepare(const core::String& directory) noexcept {
   core::SpareDescriptor::prepare();
 }
 
-bool CrashLogFile::write(std::string_view log, std::int64_t seconds) noexcept {
-  // Seconds of ten digits, so that names sort by time.
-  const core::String name = core::kiv_format("%@%010lld_%d%@", kPrefix, seconds, core::processId(), kSuffix);
-  const core::String path = core::joinPath(directoryOfLogs().get(), name);
-  const auto file = core::File::open(path, O_WRONLY | O_CREAT | O_TRUNC);
-  return file && file->write({reinterpret_cast<const std::uint8_t*>(log.data()), log.size()}) == 0 && file->sync() == 0;
+bool CrashLogFile::write(std::string_view log, std::int64_t seconds, int process) noexcept {
+  return core::writeFileAtomically(pathOf(kPrefix, seconds, process),
+                                   {reinterpret_cast<const std::uint8_t*>(log.data()), log.size()}, 0600,
+                                   core::Durability::kSynced) == 0;
+}
+
+bool CrashLogFile::exists(std::int64_t seconds, int process) noexcept {
+  return core::fileExists(pathOf(kPrefix, seconds, process)) || core::fileExists(pathOf(kSeenPrefix, seconds, process));
 }
 
 std::optional<core::String> CrashLogFile::takeNewest(const core::String& directory) noexcept {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <utility>
 
 #include "Core/Text/Format.h"
 #include "Kiv/common/utils/KivLog.h"
@@ -36,6 +37,7 @@ void CrashUserData::appendSessionEvent(const Text& event) noexcept {
     }
     events.append(*event);
   });
+  changed_.call(Kind::kEvents);
 }
 
 void CrashUserData::addUserMapData(const Text& key, const Text& value) noexcept {
@@ -52,11 +54,24 @@ void CrashUserData::addUserMapData(const Text& key, const Text& value) noexcept 
   });
   if (count >= kMostUserValues) {
     kiv_log_warn("key-value data size[%lu] out of limit count [20]", count);
+  } else {
+    changed_.call(Kind::kUserMaps);
   }
+}
+
+void CrashUserData::setUserMaps(Map entries) noexcept {
+  userMaps_.set(std::move(entries));
+  changed_.call(Kind::kUserMaps);
+}
+
+void CrashUserData::setSceneData(Map entries) noexcept {
+  sceneData_.set(std::move(entries));
+  changed_.call(Kind::kScenes);
 }
 
 void CrashUserData::setSceneNumber(const char* key, unsigned long scene) noexcept {
   sceneData_.update([&](Map& entries) { entries.set(key, core::kiv_format("%lu", scene)); });
+  changed_.call(Kind::kScenes);
 }
 
 unsigned long CrashUserData::currentScene() const noexcept {
@@ -86,18 +101,22 @@ void CrashUserData::addSceneValue(const Text& value, const Text& key) noexcept {
   });
   if (count >= kMostSceneEntries) {
     kiv_log_warn("scene key-value data size[%lu] out of limit count [15]", count);
+  } else {
+    changed_.call(Kind::kScenes);
   }
 }
 
 void CrashUserData::addSdkSceneValue(const Text& value, const Text& key) noexcept {
   if (key && value && isSceneKey(*key)) {
     sceneData_.update([&](Map& entries) { entries.set(core::kiv_format("%@%@", "C04_", *key), *value); });
+    changed_.call(Kind::kScenes);
   }
 }
 
 void CrashUserData::removeSceneValueForKey(const Text& key) noexcept {
   if (key) {
     sceneData_.update([&](Map& entries) { entries.remove(*key); });
+    changed_.call(Kind::kScenes);
   }
 }
 

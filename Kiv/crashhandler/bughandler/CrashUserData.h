@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "Core/Memory/Array.h"
+#include "Core/Memory/ChangeHook.h"
 #include "Core/Memory/Dictionary.h"
 #include "Core/Memory/Published.h"
 #include "Core/Memory/String.h"
@@ -23,6 +24,10 @@ class CrashUserData {
   static constexpr std::size_t kMostEvents = 100;
   static constexpr std::size_t kMostEventLength = 200;
 
+  enum class Kind { kUserMaps, kScenes, kEvents };
+  /// Called after any of them was changed.
+  void onChange(void (*changed)(Kind)) noexcept { changed_.set(changed); }
+
   /// The oldest event goes when there are too many; a blank or too long one is not taken.
   void appendSessionEvent(const Text& event) noexcept;
   Texts sessionEvents() const noexcept { return sessionEvents_.get(); }
@@ -30,7 +35,7 @@ class CrashUserData {
   /// Refused once there are kMostUserValues, for a key that is there already too.
   void addUserMapData(const Text& key, const Text& value) noexcept;
   Map userMaps() const noexcept { return userMaps_.get(); }
-  void setUserMaps(Map entries) noexcept { userMaps_.set(std::move(entries)); }
+  void setUserMaps(Map entries) noexcept;
 
   /// The number of the program's scene and of the library's, kept under "C01" and "C02".
   void setScene(unsigned long scene) noexcept { setSceneNumber("C01", scene); }
@@ -44,16 +49,17 @@ class CrashUserData {
 
   /// By whole key, prefix included.
   void removeSceneValueForKey(const Text& key) noexcept;
-  void removeAllSceneValues() noexcept { sceneData_.set({}); }
+  void removeAllSceneValues() noexcept { setSceneData({}); }
   Text sceneValueForKey(const Text& key) const noexcept;
   Map allSceneValues() const noexcept { return sceneData_.get(); }
 
   Map sceneData() const noexcept { return sceneData_.get(); }
-  void setSceneData(Map entries) noexcept { sceneData_.set(std::move(entries)); }
+  void setSceneData(Map entries) noexcept;
 
  private:
   void setSceneNumber(const char* key, unsigned long scene) noexcept;
 
+  core::ChangeHook<Kind> changed_;
   core::Published<Map> userMaps_;
   core::Published<Map> sceneData_;
   core::Published<Texts> sessionEvents_;

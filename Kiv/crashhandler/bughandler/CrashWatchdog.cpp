@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "Core/Kernel/Process.h"
@@ -13,13 +14,21 @@
 
 namespace {
 
-// The signal being handled, 0 for none: the word that the thread sleeps on.
-std::atomic<std::uint32_t> handled{0};
+// The signal being handled, 0 for none, and when its time is up.
+std::atomic<int> handled{0};
+std::atomic<std::int64_t> deadline{0};
+// The word that the thread sleeps on: another number after each change of those.
+std::atomic<std::uint32_t> changes{0};
 std::atomic<int> timerId{-1};
 
 long waitWhile(std::uint32_t value, const timespec* timeout) noexcept {
-  return core::rawSystemCall(SYS_futex, core::systemCallArgument(&handled), FUTEX_WAIT_PRIVATE, value,
+  return core::rawSystemCall(SYS_futex, core::systemCallArgument(&changes), FUTEX_WAIT_PRIVATE, value,
                              core::systemCallArgument(timeout));
+}
+
+void tellThread() noexcept {
+  changes.fetch_add(1, std::memory_order_release);
+  core::systemCall(SYS_futex, &changes, FUTEX_WAKE_PRIVATE, 1);
 }
 
 /// The timer's grace over the thread, so that the thread normally is the one to act.
@@ -31,25 +40,28 @@ timespec fromNanoseconds(std::int64_t nanoseconds) noexcept {
 
 void watch() noexcept {
   for (;;) {
-    const std::uint32_t signal = handled.load(std::memory_order_acquire);
-    if (signal == 0) {
-      waitWhile(0, nullptr);
+    const std::uint32_t seen = changes.load(std::memory_order_acquire);
+    if (handled.load(std::memory_order_acquire) == 0) {
+      waitWhile(seen, nullptr);
       continue;
     }
-    const std::int64_t end = core::monotonicNanoseconds() + CrashWatchdog::kHandlingTime;
-    for (std::int64_t left; handled.load(std::memory_order_acquire) == signal;) {
-      if ((left = end - core::monotonicNanoseconds()) <= 0) {
-        core::dieBySignal(static_cast<int>(signal));
-      }
-      const timespec timeout = fromNanoseconds(left);
-      waitWhile(signal, &timeout);
-    }
+    CrashWatchdog::endIfOverdue();
+    const timespec timeout = fromNanoseconds(std::max<std::int64_t>(deadline - core::monotonicNanoseconds(), 1));
+    waitWhile(seen, &timeout);
   }
 }
 
 void onTimer(int, siginfo_t*, void*) noexcept {
-  if (const std::uint32_t signal = handled.load(std::memory_order_acquire)) {
-    core::dieBySignal(static_cast<int>(signal));
+  if (const int signal = handled.load(std::memory_order_acquire)) {
+    core::dieBySignal(signal);
+  }
+}
+
+void setThreadTimer(std::int64_t left) noexcept {
+  if (const int id = timerId; id != -1) {
+    itimerspec time{};
+    time.it_value = fromNanoseconds(left + kTimerGrace);
+    core::systemCall(SYS_timer_settime, id, 0, &time, nullptr);
   }
 }
 
@@ -63,11 +75,15 @@ void armThreadTimer() noexcept {
     return;
   }
   timerId = id;
-  itimerspec time{};
-  time.it_value = fromNanoseconds(CrashWatchdog::kHandlingTime + kTimerGrace);
-  core::systemCall(SYS_timer_settime, id, 0, &time, nullptr);
+  setThreadTimer(CrashWatchdog::kHandlingTime);
   const std::uint64_t mask = std::uint64_t{1} << (CrashWatchdog::timerSignal() - 1);
   core::systemCall(SYS_rt_sigprocmask, SIG_UNBLOCK, &mask, nullptr, sizeof mask);
+}
+
+void moveDeadline(std::int64_t moved) noexcept {
+  deadline.store(moved, std::memory_order_relaxed);
+  tellThread();
+  setThreadTimer(std::max<std::int64_t>(moved - core::monotonicNanoseconds(), 1));
 }
 
 }  // namespace
@@ -91,15 +107,31 @@ bool CrashWatchdog::prepare() noexcept {
 }
 
 void CrashWatchdog::arm(int signal) noexcept {
-  handled.store(static_cast<std::uint32_t>(signal), std::memory_order_release);
-  core::systemCall(SYS_futex, &handled, FUTEX_WAKE_PRIVATE, 1);
+  deadline.store(core::monotonicNanoseconds() + kHandlingTime, std::memory_order_relaxed);
+  handled.store(signal, std::memory_order_release);
+  tellThread();
   armThreadTimer();
 }
 
 void CrashWatchdog::release() noexcept {
   handled.store(0, std::memory_order_release);
-  core::systemCall(SYS_futex, &handled, FUTEX_WAKE_PRIVATE, 1);
+  tellThread();
   if (const int id = timerId.exchange(-1); id != -1) {
     core::systemCall(SYS_timer_delete, id);
+  }
+}
+
+CrashWatchdog::Limit::Limit(std::int64_t nanoseconds) noexcept : outer_(deadline) {
+  moveDeadline(std::min(outer_, core::monotonicNanoseconds() + nanoseconds));
+}
+
+CrashWatchdog::Limit::~Limit() {
+  moveDeadline(outer_);
+}
+
+void CrashWatchdog::endIfOverdue() noexcept {
+  const int signal = handled.load(std::memory_order_acquire);
+  if (signal != 0 && core::monotonicNanoseconds() >= deadline.load(std::memory_order_relaxed)) {
+    core::dieBySignal(signal);
   }
 }

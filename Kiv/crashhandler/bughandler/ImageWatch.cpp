@@ -8,6 +8,7 @@
 #include "Core/Kernel/AlternateStack.h"
 #include "Core/Kernel/SuspensionRound.h"
 #include "Kiv/common/utils/KivLog.h"
+#include "Kiv/crashhandler/bughandler/CrashWatchdog.h"
 #include "Kiv/crashhandler/bughandler/KivStackCollector.h"
 #include "Platform/RunLoop/DispatchQueue.h"
 
@@ -29,6 +30,7 @@ std::uint64_t loaderCount() noexcept {
 }
 
 void look(std::uint32_t number, std::uint64_t known) noexcept {
+  CrashWatchdog::endIfOverdue();
   if (watchNumber != number) {
     return;
   }

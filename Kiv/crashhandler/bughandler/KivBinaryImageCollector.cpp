@@ -74,18 +74,13 @@ Images describe(const core::Array<core::LoadedImage>& loaded, bool warns) noexce
   images.reserve(loaded.size());
   std::uint32_t index = 0;
   for (const core::LoadedImage& image : loaded) {
-    KivMachImageInfo info;
-    info.index = index++;
-    bool isKnown = KivBinaryImageCollector::GetImageInfo(image.base, image.path, info);
-    if (!isKnown && info.size != 0) {
-      info.uuid = uuidOfCode(image.base);
-      isKnown = !info.uuid.empty();
-    }
-    if (isKnown) {
-      images.append(std::move(info));
+    if (auto info = KivBinaryImageCollector::imageAt(image.base, image.path)) {
+      info->index = index;
+      images.append(*std::move(info));
     } else if (warns) {
       kiv_log_warn("GetImageInfo failed with name %s", image.path);
     }
+    ++index;
   }
   return images;
 }
@@ -129,7 +124,12 @@ void KivBinaryImageCollector::loadBinarys() noexcept {
 
 void KivBinaryImageCollector::reloadBinarys() noexcept {
   generation_ = trueGeneration();
-  images_.set(describe(core::readLoadedImages(), true));
+  set(describe(core::readLoadedImages(), true));
+}
+
+void KivBinaryImageCollector::set(Images images) noexcept {
+  images_.set(std::move(images));
+  changed_.call();
 }
 
 // An image that is missing may be gone, or a call may have failed: a second look tells.
@@ -142,7 +142,7 @@ void KivBinaryImageCollector::reloadBinarysIfChanged() noexcept {
   if (!isKnown(loaded)) {
     loaded = core::readLoadedImages();
     if (!loaded.empty() && !isKnown(loaded)) {
-      images_.set(describe(loaded, true));
+      set(describe(loaded, true));
     }
   }
 }
@@ -179,11 +179,14 @@ const KivMachImageInfo* KivBinaryImageCollector::around(std::uint64_t address, c
 }
 
 void KivBinaryImageCollector::collectBinaryInfos(const std::optional<core::String>& processName) const noexcept {
-  const Images images = images_.get();
+  collectBinaryInfos(KivCrashData::expData(), images_.get(), processName);
+}
+
+void KivBinaryImageCollector::collectBinaryInfos(KivCrashData& data, const Images& images,
+                                                 const std::optional<core::String>& processName) noexcept {
   if (!processName || images.empty()) {
     return;
   }
-  KivCrashData& data = KivCrashData::expData();
   core::Array<CrashBinInfo> others;
   for (const KivMachImageInfo& image : images) {
     if (image.sname == *processName) {
@@ -229,6 +232,17 @@ bool KivBinaryImageCollector::GetImageInfo(std::uint64_t header, const core::Str
   }
   info.uuid = uuidOf(buildId);
   return true;
+}
+
+std::optional<KivMachImageInfo> KivBinaryImageCollector::imageAt(std::uint64_t header,
+                                                                 const core::String& name) noexcept {
+  KivMachImageInfo info;
+  bool isKnown = GetImageInfo(header, name, info);
+  if (!isKnown && info.size != 0) {
+    info.uuid = uuidOfCode(header);
+    isKnown = !info.uuid.empty();
+  }
+  return isKnown ? std::optional(std::move(info)) : std::nullopt;
 }
 
 core::String KivBinaryImageCollector::kiv_encode16(const std::uint8_t* bytes, std::size_t size) noexcept {

@@ -4,6 +4,7 @@
 #include "Core/Kernel/ThreadList.h"
 #include "Core/Text/Format.h"
 #include "Kiv/common/KivModelBase.h"
+#include "Kiv/crashhandler/bughandler/CrashDescription.h"
 #include "Kiv/crashhandler/bughandler/CrashLog.h"
 #include "Kiv/crashhandler/bughandler/KivBinaryImageCollector.h"
 #include "Kiv/crashhandler/bughandler/KivCrashData.h"
@@ -25,25 +26,8 @@ void collectExceptionStack(KivCrashData& data) noexcept {
     }
     const std::span<const std::uint64_t> stack(addresses.data(), addresses.size());
     KivBinaryImageCollector::sharedInstance().bringUpToDate(stack);
-    KivThreadInfo thrown;
-    thrown.threadStacks = KivStackCollector::sharedInstance().createAddrInfos(stack, KivStackCollector::Top::kReturn);
-    data.setOcThreadInfo(std::move(thrown));
-  }
-}
-
-void collectShortNames(KivCrashData& data) noexcept {
-  KivCrashData::Texts names;
-  for (const KivThreadInfo& thread : data.allThreadInfos()) {
-    thread.addShortNamesTo(names);
-  }
-  data.setAllStackShortNames(std::move(names));
-}
-
-void setCrashedShortNames(KivCrashData& data) noexcept {
-  if (data.ocThreadInfo()) {
-    data.setCrashStackShortNames(data.ocThreadInfo()->getAllShortNames());
-  } else if (data.crashThreadInfo()) {
-    data.setCrashStackShortNames(data.crashThreadInfo()->getAllShortNames());
+    LiveAddresses source = KivStackCollector::sharedInstance().addresses();
+    describeException(data, stack, source);
   }
 }
 
@@ -66,9 +50,8 @@ bool kiv_collect_crash_infos(const mcontext_t& context, const std::uint32_t* por
   images.loadBinarys();
   collectExceptionStack(data);
   KivStackCollector::sharedInstance().collectThreads(&context, data.crashThread(), ports, count);
-  collectShortNames(data);
+  describeModules(data);
   images.collectBinaryInfos(model.processName());
-  setCrashedShortNames(data);
   if (!data.crashThreadInfo()) {
     data.setCrashThreadInfo(standAloneThread());
   } else {

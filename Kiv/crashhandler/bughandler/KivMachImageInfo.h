@@ -15,4 +15,9 @@ struct KivMachImageInfo {
   std::uint32_t index = 0;  ///< position in the process's list of images
 
   core::String description() const noexcept;
+
+  template <class Self, class Each>
+  static void fields(Self& self, Each&& each) noexcept {
+    each(self.name, self.sname, self.base, self.size, self.uuid, self.cpu, self.index);
+  }
 };

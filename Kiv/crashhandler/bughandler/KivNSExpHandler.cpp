@@ -5,6 +5,7 @@
 
 #include "Kiv/common/utils/KivLog.h"
 #include "Kiv/crashhandler/bughandler/CrashHandling.h"
+#include "Kiv/crashhandler/bughandler/JournalKeeper.h"
 #include "Kiv/crashhandler/bughandler/KivCrashData.h"
 #include "Platform/Foundation/NSException.h"
 
@@ -41,6 +42,7 @@ void kiv_objc_uncaught_handler(const NSException& exception) {
   data.setExp(std::make_shared<const NSException>(exception));
   data.setType(core::String(exception.name()));
   data.setError(core::String(exception.reason()));
+  JournalKeeper::keepException();
   if (const NSUncaughtExceptionHandler old = oldhandler) {
     kiv_log_warn("Note: there is another uncaught exception handler exist");
     old(exception);

@@ -16,8 +16,8 @@ void appendRow(core::StringBuilder& text, const Named (&row)[4]) noexcept {
 }
 
 /// The kernel packs the selectors into one word.
-std::uint64_t selector(const mcontext_t& context, unsigned position) noexcept {
-  return static_cast<std::uint64_t>(context.gregs[REG_CSGSFS]) >> (16 * position) & 0xffff;
+std::uint64_t selector(const gregset_t& registers, unsigned position) noexcept {
+  return static_cast<std::uint64_t>(registers[REG_CSGSFS]) >> (16 * position) & 0xffff;
 }
 
 }  // namespace
@@ -28,7 +28,11 @@ KivRegisterDataCollector& KivRegisterDataCollector::sharedInstance() noexcept {
 }
 
 void KivRegisterDataCollector::collectAllRegisterInfos(std::uint32_t index, const mcontext_t& context, bool) noexcept {
-  const auto value = [&context](int number) { return static_cast<std::uint64_t>(context.gregs[number]); };
+  KivCrashData::expData().setRegisterDatas(textOf(index, context.gregs));
+}
+
+core::String KivRegisterDataCollector::textOf(std::uint32_t index, const gregset_t& registers) noexcept {
+  const auto value = [&registers](int number) { return static_cast<std::uint64_t>(registers[number]); };
   core::StringBuilder text(512);
   core::kiv_append(text, "\nThread %u crashed with X86_64 Thread State:\n", index);
   appendRow(text, {{"rax", value(REG_RAX)}, {"rbx", value(REG_RBX)}, {"rcx", value(REG_RCX)}, {"rdx", value(REG_RDX)}});
@@ -38,8 +42,8 @@ void KivRegisterDataCollector::collectAllRegisterInfos(std::uint32_t index, cons
   core::kiv_append(text, "    r12: %#018qx     r13: %#018qx    r14: %#018qx    r15: %#018qx\n", value(REG_R12),
                    value(REG_R13), value(REG_R14), value(REG_R15));
   appendRow(text, {{"rflags", value(REG_EFL)},
-                   {"cs", selector(context, 0)},
-                   {"fs", selector(context, 2)},
-                   {"gs", selector(context, 1)}});
-  KivCrashData::expData().setRegisterDatas(text.str());
+                   {"cs", selector(registers, 0)},
+                   {"fs", selector(registers, 2)},
+                   {"gs", selector(registers, 1)}});
+  return text.str();
 }

@@ -9,11 +9,11 @@
 
 #include "Core/Memory/Array.h"
 #include "Core/Memory/Immortal.h"
-#include "Core/Memory/Mutex.h"
 #include "Core/Memory/Published.h"
-#include "Kiv/crashhandler/bughandler/CrashSnapshot.h"
-#include "Kiv/crashhandler/bughandler/FrameCache.h"
 #include "Kiv/crashhandler/bughandler/KivThreadInfo.h"
+#include "Kiv/crashhandler/bughandler/LiveAddresses.h"
+#include "Kiv/crashhandler/bughandler/StackFrames.h"
+#include "Kiv/crashhandler/journal/CrashSnapshot.h"
 
 class KivCrashData;
 
@@ -44,9 +44,6 @@ class KivStackCollector {
   Text procName() noexcept;
   void setProcName(Text name) noexcept { procName_.set(std::move(name)); }
 
-  /// What a crash writes down, nullptr before prepare() or where there was no room for it.
-  CrashSnapshot* snapshotOfCrash() const noexcept { return snapshot_; }
-
   /// Fills the crash data's threads, its crashed thread among them: the one whose port differs from
   /// `crashThread` in the low 8 bits at most, whose stack is taken from `context`. The ports
   /// in `resumedThreads` are not stopped for their walk.
@@ -63,11 +60,10 @@ class KivStackCollector {
   /// The lines of the calling thread's own stack, 128 at most, without the first `skip`.
   core::Array<core::String> traceOfCaller(unsigned skip) noexcept;
 
-  /// What stands at the top of a stack: where a thread was stopped, or a return address too, as
-  /// in the stack that an exception carries.
-  enum class Top { kStopped, kReturn };
-  /// The frames of addresses; one outside every image has none, its number is left out.
-  KivStack createAddrInfos(std::span<const std::uint64_t> addresses, Top top = Top::kStopped) noexcept;
+  /// What addresses of this process mean just now.
+  LiveAddresses addresses() noexcept { return {allAdrMaps_, needSymbol(), procName()}; }
+  /// The frames of some of them (framesOf, frameOf).
+  KivStack createAddrInfos(std::span<const std::uint64_t> addresses, StackTop top = StackTop::kStopped) noexcept;
   std::optional<core::Shared<KivCrashAddrInfo>> createAddrInfo(std::uint64_t address, std::uint32_t index) noexcept;
 
   /// The crashed thread that was collected last.
@@ -78,23 +74,12 @@ class KivStackCollector {
   friend core::Immortal<KivStackCollector>;
   KivStackCollector() noexcept = default;
 
-  using Frame = core::Shared<KivCrashAddrInfo>;
   Threads threadsOf(const CrashSnapshot& snapshot) noexcept;
-  KivThreadInfo threadOf(const CrashSnapshot& snapshot, const CrashSnapshot::Thread& captured) noexcept;
-  void setCrashedThread(KivCrashData& data, KivThreadInfo& thread) noexcept;
-  template <class Use>
-  auto withKeptFrames(bool isCrash, Use&& use) noexcept;
-  std::optional<Frame> keptFrame(std::uint64_t address, bool isCrash) noexcept;
-  std::optional<Frame> makeFrame(std::uint64_t address, std::uint32_t index, std::uint64_t executing,
-                                 bool isCrash) noexcept;
 
   std::atomic<bool> isPrepared_{false};
   std::atomic<bool> needSymbol_{false};
-  CrashSnapshot* snapshot_ = nullptr;  // made once, never given back
   core::Published<Text> procName_;
   std::optional<KivThreadInfo> crashThreadInfo_;
 
-  core::Mutex mutex_;
-  FrameCache allAdrMaps_;         // under mutex_
-  FrameCache allAdrMapsOfCrash_;  // of the owner of a crash
+  LiveAddresses::Kept allAdrMaps_;
 };

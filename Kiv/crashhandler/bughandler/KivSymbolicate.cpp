@@ -7,9 +7,13 @@
 #include "Core/Text/Format.h"
 
 std::size_t kiv_symbolicate(std::uint64_t address, std::span<char, kKivSymbolBuffer> buffer) noexcept {
-  std::memset(buffer.data(), 0, buffer.size());
   const core::SymbolTables::View symbols;
-  const auto symbol = symbols.lookup(address);
+  return kiv_symbolicate(symbols.lookup(address), buffer);
+}
+
+std::size_t kiv_symbolicate(const std::optional<core::Symbol>& symbol,
+                            std::span<char, kKivSymbolBuffer> buffer) noexcept {
+  std::memset(buffer.data(), 0, buffer.size());
   if (!symbol || symbol->name.empty()) {
     return 0;
   }

@@ -7,25 +7,30 @@
 #include <cstdint>
 #include <cstring>
 
+#include "Core/Kernel/ForkTell.h"
 #include "Core/Kernel/Futex.h"
 #include "Core/Kernel/KernelSignal.h"
 #include "Core/Kernel/Process.h"
+#include "Core/Kernel/Registers.h"
 #include "Core/Kernel/SystemCall.h"
 #include "Core/Kernel/ThreadList.h"
 #include "Core/Kernel/ThreadSuspension.h"
+#include "Core/Kernel/Unwind/FrameWalk.h"
 #include "Core/Memory/CrashHeap.h"
 #include "Core/Memory/CrashOwner.h"
 #include "Core/Text/Format.h"
 #include "Kiv/common/KivModelBase.h"
 #include "Kiv/common/utils/KivLog.h"
+#include "Kiv/crashhandler/bughandler/CrashDescription.h"
 #include "Kiv/crashhandler/bughandler/CrashHandling.h"
-#include "Kiv/crashhandler/bughandler/CrashSnapshot.h"
 #include "Kiv/crashhandler/bughandler/CrashWatchdog.h"
+#include "Kiv/crashhandler/bughandler/JournalKeeper.h"
 #include "Kiv/crashhandler/bughandler/KivCollectCrashInfos.h"
 #include "Kiv/crashhandler/bughandler/KivCrashData.h"
 #include "Kiv/crashhandler/bughandler/KivSigHandler.h"
 #include "Kiv/crashhandler/bughandler/KivSignalNames.h"
-#include "Kiv/crashhandler/bughandler/KivStackCollector.h"
+#include "Kiv/crashhandler/bughandler/StackBlock.h"
+#include "Kiv/crashhandler/journal/CrashJournal.h"
 
 namespace {
 
@@ -57,8 +62,12 @@ void changeMask(int how, core::KernelSignalSet signals) noexcept {
   core::systemCall(SYS_rt_sigprocmask, how, &signals, nullptr, sizeof signals);
 }
 
-/// To the calling thread: it stays pending while the signal is blocked.
+/// To the calling thread: it stays pending while the signal is blocked. The first process of a namespace
+/// does not end by its own signals.
 void raiseSignal(int sig) noexcept {
+  if (core::processId() == 1) {
+    core::dieBySignal(sig);
+  }
   core::systemCall(SYS_tgkill, core::processId(), core::threadId(), sig);
 }
 
@@ -75,6 +84,10 @@ void waitAtGate() noexcept {
   }
 }
 
+const mcontext_t& contextOf(const void* context) noexcept {
+  return static_cast<const ucontext_t*>(context)->uc_mcontext;
+}
+
 bool isSameSignal(const siginfo_t& a, const siginfo_t& b) noexcept {
   return a.si_signo == b.si_signo && a.si_errno == b.si_errno && a.si_code == b.si_code && a.si_pid == b.si_pid &&
          a.si_uid == b.si_uid && a.si_status == b.si_status && a.si_addr == b.si_addr && a.si_band == b.si_band;
@@ -85,8 +98,8 @@ std::uint64_t addressOf(const siginfo_t& info) noexcept {
   return info.si_code > 0 ? reinterpret_cast<std::uint64_t>(info.si_addr) : 0;
 }
 
-CrashSnapshot::Facts factsOf(const siginfo_t& info, const void* context, std::uint32_t count) noexcept {
-  CrashSnapshot::Facts facts{};
+CrashFacts factsOf(const siginfo_t& info, const void* context, std::uint32_t count) noexcept {
+  CrashFacts facts{};
   facts.time = core::wallClockNanoseconds() / kNanosecondsAMillisecond;
   facts.address = addressOf(info);
   facts.signal = info.si_signo;
@@ -94,53 +107,56 @@ CrashSnapshot::Facts factsOf(const siginfo_t& info, const void* context, std::ui
   facts.error = info.si_errno;
   facts.count = count;
   facts.crashThread = core::threadPort(core::threadId());
-  std::memcpy(facts.registers, static_cast<const ucontext_t*>(context)->uc_mcontext.gregs, sizeof facts.registers);
-  if (CrashSnapshot* snapshot = KivStackCollector::sharedInstance().snapshotOfCrash()) {
-    snapshot->facts = facts;
-  }
+  std::memcpy(facts.registers, contextOf(context).gregs, sizeof facts.registers);
   return facts;
 }
 
-void describe(KivCrashData& data, const CrashSnapshot::Facts& facts) noexcept {
-  data.setTime(facts.time);
-  data.setHandler(core::String("Signal Handler"));
-  siginfo_t info{};
-  info.si_signo = facts.signal;
-  info.si_code = facts.code;
-  char buffer[32];
-  const char* name;
-  const char* code;
-  kiv_map_sig_name(&info, buffer, name, code);
-  const KivCrashData::Text thrown = data.type();
-  data.setType(thrown ? core::kiv_format("%@(%@)", *thrown, name) : core::kiv_format("%s", name));
-  if (!data.error()) {
-    data.setError(core::kiv_format("%s", code));
-  }
-  data.setAddress(core::kiv_format("%#018llx", facts.address));
-  data.setCrashThread(facts.crashThread);
-  if (!data.crashOnceMore()) {
-    data.addLastExceptionInfo(
-        core::kiv_format("Exception Type: %@\nException Codes: %@ at %@", data.type(), data.error(), data.address()));
+/// A forked child crashes for itself: with a journal, and under a process id, of its own.
+void leaveParent() noexcept {
+  if (CrashJournal::leaveToParent()) {
+    core::CrashSection::run([] {
+      KivModelBase& model = KivModelBase::getDefualtAnaModel();
+      model.setProcessId(core::processId());
+      model.setParentProcId(core::systemCall(SYS_getppid));
+      model.setParentProcName(model.processName());
+    });
+    core::CrashSection::run([] { JournalKeeper::keepAll(); });
   }
 }
 
-/// Notes the crash; false when it is the handling's own for the second time, which is the end.
-bool countEntry(KivCrashData& data, int sig, const siginfo_t& info, std::uint32_t count) noexcept {
-  if (count == 1) {
-    data.appendSessionEvent(core::kiv_format("sdk[%@] handle signal: %d info(%d, %d, %d)",
-                                             KivModelBase::getDefualtAnaModel().sdkVersion(), sig, info.si_signo,
-                                             info.si_errno, info.si_code));
-    return true;
+/// From here on the crash is in the journal, whatever becomes of its handling.
+void noteEntry(const CrashFacts& facts) noexcept {
+  if (facts.signal == SIGBUS) {
+    // So would a fault of the journal itself be, which would kill while that signal is blocked.
+    changeMask(SIG_UNBLOCK, core::signalBit(SIGBUS));
   }
-  data.setCrashOnceMore(true);
+  CrashJournal::enter(facts);
+}
+
+void walkCrashed(std::span<std::uint64_t, core::kMostFrames> frames, const void* context) noexcept {
+  const StackBlock block;
+  core::walk(core::registersOf(contextOf(context)), frames, {.block = block.bytes(), .mayRefreshImages = true});
+}
+
+/// The second entry tells of the first one too, which may have failed before it was described.
+void describe(KivCrashData& data, const CrashFacts& facts) noexcept {
+  const core::String version = KivModelBase::getDefualtAnaModel().sdkVersion();
+  const JournalLayout* journal = CrashJournal::current();
+  if (facts.count == 2 && data.time() == 0 && journal != nullptr) {
+    describeEntry(data, journal->entries[0].facts, version);
+  }
+  describeEntry(data, facts, version);
+}
+
+/// False when it is the handling's own fault for the second time, which is the end.
+bool goesOn(KivCrashData& data, int sig, const siginfo_t& info, std::uint32_t count) noexcept {
   if (count == 2) {
-    data.appendSessionEvent(
-        core::kiv_format("sdk handle signal: %d info(%d, %d, %d)", sig, info.si_signo, info.si_errno, info.si_code));
     kiv_log_always("<KIV> Trap a fatal signal %d [%d, %d, %d] again", sig, info.si_signo, info.si_errno, info.si_code);
-    return true;
+  } else if (count > 2) {
+    data.setCrashOnceMore(true);
+    kiv_log_always("<KIV> Trap a fatal singal %d once more, terminate the app now!!!", sig);
   }
-  kiv_log_always("<KIV> Trap a fatal singal %d once more, terminate the app now!!!", sig);
-  return false;
+  return count <= 2;
 }
 
 void callPrevious(int sig, siginfo_t* info, void* context) noexcept {
@@ -180,10 +196,19 @@ void forward(int sig, siginfo_t* info, void* context) noexcept {
 
 /// Everything from the first look at the signal to its forwarding. Each section that runs out of
 /// memory costs what it was about to do, not the rest.
-void handle(int sig, siginfo_t* info, void* context) noexcept {
+void handle(int sig, siginfo_t* info, void* context, bool isFirst) noexcept {
   const std::uint32_t count = ++crashCount;
-  CrashHandling& handling = CrashHandling::current();
-  if (isSameSignal(*info, temp_siginfo)) {
+  const bool isKnown = isSameSignal(*info, temp_siginfo);
+  const CrashFacts facts = factsOf(*info, context, count);
+  if (!isKnown) {
+    temp_siginfo = *info;
+    leaveParent();
+    noteEntry(facts);
+  }
+  if (isFirst) {
+    CrashWatchdog::arm(sig);
+  }
+  if (isKnown) {
     core::CrashSection::run([&] {
       kiv_log_info("signal %d info(%d, %d, %d) already handled,uninstall", sig, info->si_signo, info->si_errno,
                    info->si_code);
@@ -191,11 +216,13 @@ void handle(int sig, siginfo_t* info, void* context) noexcept {
     kiv_uninstall_signal_handler();
     return;
   }
-  temp_siginfo = *info;
+  CrashHandling& handling = CrashHandling::current();
   changeMask(SIG_SETMASK, waitingSignals());
+  core::CrashSection::run([&] { CrashJournal::addStack(count, walkCrashed, context); });
   core::CrashSection::run([&] { handling.setCrashAccidentHappen(true); });
   core::CrashSection::run([&] { handling.stopStallMonitor(); });
   if (!KivSigHandler::sharedInstance().isInstalled()) {
+    CrashJournal::settle(count);
     core::CrashSection::run([] { kiv_log_info("Signal handler uninstalled, won't handle it"); });
     kiv_uninstall_signal_handler();
     changeMask(SIG_BLOCK, fatalSignals());
@@ -203,21 +230,26 @@ void handle(int sig, siginfo_t* info, void* context) noexcept {
     return;
   }
   KivCrashData& data = KivCrashData::expData();
-  bool goesOn = true;
   core::CrashSection::run([&] {
     kiv_log_always("<KIV> Trap a fatal signal: %d [%d, %d, %d]", sig, info->si_signo, info->si_errno, info->si_code);
-    goesOn = countEntry(data, sig, *info, count);
   });
-  if (!goesOn || count > 2) {
+  bool isHandled = count <= 2;
+  core::CrashSection::run([&] { isHandled = goesOn(data, sig, *info, count); });
+  if (!isHandled) {
     core::CrashSection::run([&] { handling.uninstallHandler(); });
     changeMask(SIG_BLOCK, fatalSignals());
     raiseSignal(sig);
     return;
   }
-  core::CrashSection::run([&] { describe(data, factsOf(*info, context, count)); });
+  core::CrashSection::run([&] { describe(data, facts); });
   core::CrashSection::run([&] {
     const std::uint32_t port = data.crashThread();
-    kiv_collect_crash_infos(static_cast<const ucontext_t*>(context)->uc_mcontext, &port, 0);
+    kiv_collect_crash_infos(contextOf(context), &port, 0);
+  });
+  core::CrashSection::run([&] {
+    if (const auto log = data.crashlog()) {
+      CrashJournal::putLog(*log, count);
+    }
   });
   core::CrashSection::run([&] {
     kiv_log_info("Notify crash happened.");
@@ -234,7 +266,14 @@ void handle(int sig, siginfo_t* info, void* context) noexcept {
 }  // namespace
 
 void kiv_signal_handler(int sig, siginfo_t* info, void* context) noexcept {
-  switch (core::CrashOwner::claim()) {
+  if (CrashJournal::mend(*info)) {
+    return;
+  }
+  if (core::ForkTell::current() == core::ForkTell::Process::kVforked) {
+    core::dieBySignal(sig);  // the memory is the parent's
+  }
+  const core::CrashOwner::Claim claim = core::CrashOwner::claim();
+  switch (claim) {
     case core::CrashOwner::Claim::kRefused:
       waitAtGate();
       return;
@@ -243,10 +282,9 @@ void kiv_signal_handler(int sig, siginfo_t* info, void* context) noexcept {
       break;
     case core::CrashOwner::Claim::kFirst:
       __atomic_store_n(&gate, kClosed, __ATOMIC_RELAXED);
-      CrashWatchdog::arm(sig);
       break;
   }
-  handle(sig, info, context);
+  handle(sig, info, context, claim == core::CrashOwner::Claim::kFirst);
 }
 
 void kiv_uninstall_signal_handler() noexcept {

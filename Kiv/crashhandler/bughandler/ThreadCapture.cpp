@@ -37,15 +37,20 @@ void ThreadCapture::readAll(std::span<const int> threads) noexcept {
     std::fill_n(frames_.begin(), kCleared, 0);
     if (next == index) {
       const core::ThreadName name = readRunning(port);
-      snapshot_.appendThread(port, index, name, stack(), isCrashed(port));
+      append(port, index, name);
       ++next;
       continue;
     }
     std::optional<core::SuspendedThread>& current = asked[index % asked.size()];
     kiv_backtrace_stopped(*current, frames_, block_);
-    snapshot_.appendThread(port, index, current->name(), stack(), isCrashed(port));
+    append(port, index, current->name());
     current.reset();
   }
+}
+
+void ThreadCapture::append(std::uint32_t port, std::uint32_t index, const core::ThreadName& name) noexcept {
+  const bool isUnnamed = core::reportedThreadName(name).empty();
+  snapshot_.appendThread(port, index, isUnnamed ? core::ThreadName{} : name, stack(), isCrashed(port));
 }
 
 // On a machine with much else to do, threads come too late for the round's patience. By now they

@@ -8,8 +8,8 @@
 
 #include "Core/Kernel/SuspensionRound.h"
 #include "Core/Kernel/Unwind/FrameWalk.h"
-#include "Kiv/crashhandler/bughandler/CrashSnapshot.h"
 #include "Kiv/crashhandler/bughandler/StackBlock.h"
+#include "Kiv/crashhandler/journal/CrashSnapshot.h"
 
 /// Reads names and stacks of threads into a snapshot, one after the other and with one frame buffer
 /// for all of them. Each stands for the copy of its own stack only, or for its own walk where a copy will
@@ -41,6 +41,7 @@ class ThreadCapture {
   static constexpr std::int64_t kSecondPatience = 150'000'000;
 
   void readAll(std::span<const int> threads) noexcept;
+  void append(std::uint32_t port, std::uint32_t index, const core::ThreadName& name) noexcept;
   void readEmptyAgain() noexcept;
   bool isCrashed(std::uint32_t port) const noexcept { return isSameThread(port, request_.crashThread); }
   bool isToBeStopped(int thread) const noexcept;

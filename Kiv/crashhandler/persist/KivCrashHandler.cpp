@@ -4,6 +4,7 @@
 
 #include <array>
 
+#include "Core/Kernel/Process.h"
 #include "Core/Text/Format.h"
 #include "Core/Text/Uuid.h"
 #include "Kiv/blockmonitor/KivBlockMonitorManager.h"
@@ -11,12 +12,16 @@
 #include "Kiv/common/utils/KivLog.h"
 #include "Kiv/compat/KivCustomizedException.h"
 #include "Kiv/crashhandler/bughandler/CrashLogFile.h"
+#include "Kiv/crashhandler/bughandler/CrashWatchdog.h"
 #include "Kiv/crashhandler/bughandler/ImageWatch.h"
+#include "Kiv/crashhandler/bughandler/JournalKeeper.h"
 #include "Kiv/crashhandler/bughandler/KivCrashData.h"
 #include "Kiv/crashhandler/bughandler/KivNSExpHandler.h"
 #include "Kiv/crashhandler/bughandler/KivSigHandler.h"
 #include "Kiv/crashhandler/bughandler/KivStackCollector.h"
+#include "Kiv/crashhandler/journal/CrashJournal.h"
 #include "Kiv/crashhandler/persist/KivFilePersistHandler.h"
+#include "Kiv/crashhandler/recovery/JournalRecovery.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/UserDefaults.h"
@@ -69,6 +74,7 @@ void KivCrashHandler::installHandler() noexcept {
   CrashHandling::setCurrent(*this);
   KivStackCollector::sharedInstance().prepare();
   CrashLogFile::prepare(KivFilePersistHandler::sharedInstance().folderPath());
+  JournalKeeper::start(KivFilePersistHandler::sharedInstance().folderPath());
   touchSingletons();
   KivSigHandler::sharedInstance().install();
   KivNSExpHandler::sharedInstance().install();
@@ -79,6 +85,7 @@ void KivCrashHandler::installHandler() noexcept {
   startGuard();
   platform::DispatchQueue::global().async([] { KivModelBase::getDefualtAnaModel().resolveAll(); });
   ImageWatch::start();
+  platform::DispatchQueue::global().async([this] { recoverCrashes(); });
 }
 
 void KivCrashHandler::startGuard() noexcept {
@@ -141,25 +148,55 @@ bool KivCrashHandler::crashHapped(KivCrashData* data) noexcept {
   return saveCrashData(data != nullptr ? *data : KivCrashData::expData());
 }
 
+namespace {
+
+void callBack(int (*callback)()) noexcept {
+  kiv_log_always("<KIV> Call user crash handler callback: %p", reinterpret_cast<const void*>(callback));
+  if (callback != nullptr) {
+    const CrashWatchdog::Limit limit(CrashWatchdog::kCallbackTime);
+    callback();
+  }
+}
+
+/// What is stored, or is not to be, needs no journal any more.
+void settleJournal(const KivCrashData& data) noexcept {
+  if (&data == &KivCrashData::expData()) {
+    CrashJournal::settle(data.crashOnceMore() ? 2 : 1);
+  }
+}
+
+}  // namespace
+
 bool KivCrashHandler::saveCrashData(KivCrashData& data) noexcept {
   if (!data.type()) {
     return false;
   }
   kiv_log_info("Save crash data.");
   if (isFilteredOut(data.crashStackShortNames())) {
+    settleJournal(data);
     return false;
   }
   if (!data.isCustomizedException()) {
-    int (*const callback)() = userCrashHandlerCallback_;
-    kiv_log_always("<KIV> Call user crash handler callback: %p", reinterpret_cast<const void*>(callback));
-    if (callback != nullptr) {
-      callback();
-    }
+    callBack(userCrashHandlerCallback_);
   }
   const auto log = data.crashlog();
-  const bool saved = log && CrashLogFile::write(*log, data.time() / kMillisecondsASecond);
+  const bool saved = log && CrashLogFile::write(*log, data.time() / kMillisecondsASecond, core::processId());
+  if (saved) {
+    settleJournal(data);
+  }
   kiv_log_info("Save crash data %@", saved ? "SUCCESS" : "FAIL");
   return saved;
+}
+
+// It is there already where a process, or a start that reported for it, died between saving and settling.
+void KivCrashHandler::recoverCrashes() noexcept {
+  JournalRecovery::run(KivFilePersistHandler::sharedInstance().folderPath(), [](const RecoveredCrash& crash) {
+    const std::int64_t seconds = crash.data().time() / kMillisecondsASecond;
+    const auto process = static_cast<int>(crash.identity().processId);
+    return sharedInstance().isFilteredOut(crash.data().crashStackShortNames()) ||
+           CrashLogFile::exists(seconds, process) ||
+           CrashLogFile::write(crash.data().crashlog().value_or(core::String()), seconds, process);
+  });
 }
 
 bool KivCrashHandler::isFilteredOut(const Names& stackNames) const noexcept {

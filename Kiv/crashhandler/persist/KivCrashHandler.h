@@ -37,6 +37,10 @@ class KivCrashHandler final : public CrashHandling {
   bool crashHapped() noexcept { return crashHapped(nullptr); }
   bool crashHapped(KivCrashData* data) noexcept override;
 
+  /// Saves what processes have left that died before their crash was saved: in the background after the
+  /// installation; before it returns for whoever cannot wait for that.
+  void recoverCrashes() noexcept;
+
   /// What equal crashes have in common, in 32 hexadecimal digits: application, version, type and stack.
   static core::String hashOf(const KivCrashData& data) noexcept;
 

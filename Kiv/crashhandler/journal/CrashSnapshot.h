@@ -1,7 +1,5 @@
 #pragma once
 
-#include <ucontext.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -9,27 +7,16 @@
 
 #include "Core/Kernel/ThreadFiles.h"
 
-/// What a crash, or a dump of all threads, found: numbers and names as they were read, without any
-/// pointer, in room of a fixed size (1.2 MiB of address space). Reports are made from it afterwards.
+/// The threads that a crash, or a dump of all threads, found: names and addresses as they were
+/// read, without any pointer, in room of a fixed size (1.2 MiB of address space). Reports are made
+/// from it afterwards, that of a crash perhaps by another process.
 ///
-/// Written by one thread. What does not fit is dropped, the outermost frames of a stack first; room
-/// for one more thread with a whole stack is kept for the crashed one. Fit for the crash path.
+/// Written by one thread. Each thread's entry is closed by a checksum of its own, so that what a
+/// process had read before it was killed counts. What does not fit is dropped, the outermost frames of a
+/// stack first; room for one more thread with a whole stack is kept for the crashed one. Fit for the crash path.
 struct CrashSnapshot {
   static constexpr std::uint32_t kMostThreads = 4096;
   static constexpr std::uint32_t kMostAddresses = 128 * 1024;
-
-  /// The crash itself; all 0 in a dump.
-  struct Facts {
-    std::int64_t time;          ///< milliseconds since 1970
-    std::uint64_t address;      ///< of the fault, 0 where the signal has none
-    std::int32_t signal;        ///< si_signo
-    std::int32_t code;          ///< si_code
-    std::int32_t error;         ///< si_errno
-    std::uint32_t count;        ///< of entries into the handler, this one included
-    std::uint32_t crashThread;  ///< port
-    std::uint32_t unused;       ///< 0
-    gregset_t registers;        ///< of the crashed thread, REG_R8 to REG_CR2
-  };
 
   struct Thread {
     std::uint32_t port;        ///< core::threadPort
@@ -37,9 +24,9 @@ struct CrashSnapshot {
     std::uint32_t firstFrame;  ///< where in `addresses` its stack begins, innermost first
     std::uint32_t frameCount;
     core::ThreadName name;
+    std::uint32_t check;  ///< of the rest and of the stack
   };
 
-  Facts facts;
   std::uint32_t threadCount;
   std::uint32_t addressCount;
   Thread threads[kMostThreads];
@@ -64,4 +51,9 @@ struct CrashSnapshot {
   std::span<const Thread> allThreads() const noexcept;
   /// Within the pool whatever the thread's numbers are.
   std::span<const std::uint64_t> stackOf(const Thread& thread) const noexcept;
+  /// Whether the entry and its stack are as they were written.
+  bool isWhole(const Thread& thread) const noexcept;
+
+ private:
+  std::uint32_t checkOf(const Thread& thread) const noexcept;
 };

@@ -1,0 +1,31 @@
+#include "Kiv/crashhandler/bughandler/ReporterIdentity.h"
+
+#include "Kiv/common/KivModelBase.h"
+#include "Kiv/crashhandler/bughandler/KivStackCollector.h"
+#include "Platform/Foundation/Bundle.h"
+
+ReporterIdentity ReporterIdentity::current() noexcept {
+  const KivModelBase& model = KivModelBase::getDefualtAnaModel();
+  ReporterIdentity identity;
+  identity.appId = model.appId();
+  identity.appVersion = model.appVersion();
+  identity.bundleId = model.bundleId();
+  identity.resourcePath = platform::Bundle::main().resourcePath();
+  identity.pIdentity = model.pIdentity();
+  identity.sdkVersion = model.sdkVersion();
+  identity.userid = model.userid();
+  identity.openudid = model.openudid();
+  identity.hardwareModel = model.hardwareModel();
+  identity.osVer = model.osVer();
+  identity.processName = model.processName();
+  identity.parentProcName = model.parentProcName();
+  identity.processId = model.processId();
+  identity.parentProcId = model.parentProcId();
+  identity.startTime = model.startTime();
+  identity.backGroundTime = model.backGroundTime();
+  identity.resumeTime = model.resumeTime();
+  identity.lastRecordTime = model.lastRecordTime();
+  identity.serverTimeDelta = model.serverTimeDelta();
+  identity.namesOwnFunctions = KivStackCollector::sharedInstance().needSymbol();
+  return identity;
+}

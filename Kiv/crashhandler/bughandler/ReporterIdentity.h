@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "Core/Memory/String.h"
+
+/// Who reports a crash and in what state it was: what log and record take from KivModelBase. A plain
+/// value, which the journal keeps for the start that has to report in this process's place.
+struct ReporterIdentity {
+  using Text = std::optional<core::String>;
+
+  Text appId, appVersion, bundleId, resourcePath, pIdentity, sdkVersion, userid, openudid;
+  Text hardwareModel, osVer, processName, parentProcName;
+  std::int64_t processId = 0;
+  std::int64_t parentProcId = 0;
+  // Milliseconds, since 1970 but for the delta.
+  std::int64_t startTime = 0;
+  std::int64_t backGroundTime = 0;
+  std::int64_t resumeTime = 0;
+  std::int64_t lastRecordTime = 0;
+  std::int64_t serverTimeDelta = 0;
+  bool namesOwnFunctions = false;  ///< KivStackCollector::needSymbol
+
+  /// As it stands; fit for the crash path.
+  static ReporterIdentity current() noexcept;
+
+  template <class Self, class Each>
+  static void fields(Self& self, Each&& each) noexcept {
+    each(self.appId, self.appVersion, self.bundleId, self.resourcePath, self.pIdentity, self.sdkVersion, self.userid,
+         self.openudid, self.hardwareModel, self.osVer, self.processName, self.parentProcName, self.processId,
+         self.parentProcId, self.startTime, self.backGroundTime, self.resumeTime, self.lastRecordTime,
+         self.serverTimeDelta, self.namesOwnFunctions);
+  }
+};
