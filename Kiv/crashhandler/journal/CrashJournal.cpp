@@ -21,6 +21,7 @@
 // Another process reads it.
 static_assert(std::is_trivially_copyable_v<JournalLayout> && std::is_standard_layout_v<JournalLayout>);
 static_assert(offsetof(JournalLayout, entries) == 40 && sizeof(CrashFacts) == 224);
+static_assert(offsetof(JournalLayout, snapshot) == JournalLayout::kFrontSize);
 static_assert(sizeof(JournalLayout::Entry) == 224 + 16 + 256 * 8);
 
 namespace {

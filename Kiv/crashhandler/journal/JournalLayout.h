@@ -84,6 +84,9 @@ struct JournalLayout {
     std::array<char, kMostLog> bytes;
   };
 
+  /// Up to here it tells whether there can be a crash in it.
+  static constexpr std::size_t kFrontSize = sizeof(Head) + kMostEntries * sizeof(Entry) + 6 * 2 * sizeof(Copy);
+
   Head head;
   std::array<Entry, kMostEntries> entries;
   std::array<std::array<Copy, 2>, kJournalPartSizes.size()> copies;

@@ -12,6 +12,24 @@ JournalView::JournalView(std::span<const std::uint8_t> bytes) noexcept
         std::memset(into + size, 0, sizeof(JournalLayout) - size);
       })) {}
 
+bool JournalView::mayHoldCrash(std::span<const std::uint8_t> front) noexcept {
+  if (front.size() < JournalLayout::kFrontSize) {
+    return true;
+  }
+  JournalLayout::Head head;
+  std::memcpy(&head, front.data(), sizeof head);
+  const auto isWritten = [front](std::size_t place, std::size_t size) {
+    const auto bytes = front.subspan(place, size);
+    return std::any_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte != 0; });
+  };
+  const std::size_t exception =
+      offsetof(JournalLayout, copies) +
+      std::size_t{static_cast<std::uint32_t>(JournalPart::kException)} * sizeof(JournalLayout::copies[0]);
+  return head.magic != JournalLayout::kMagic || head.version != JournalLayout::kVersion ||
+         isWritten(offsetof(JournalLayout, entries), sizeof(JournalLayout::entries)) ||
+         isWritten(exception, sizeof(JournalLayout::copies[0]));
+}
+
 JournalView::Fault JournalView::fault() const noexcept {
   if (head().magic != JournalLayout::kMagic) {
     return Fault::kForeign;

@@ -25,6 +25,10 @@ class JournalView {
   /// Of the file's bytes; missing ones count as 0.
   explicit JournalView(std::span<const std::uint8_t> bytes) noexcept;
 
+  /// False where the first JournalLayout::kFrontSize bytes, or as many as there are, tell that no crash
+  /// was noted in it.
+  static bool mayHoldCrash(std::span<const std::uint8_t> front) noexcept;
+
   Fault fault() const noexcept;
   const JournalLayout::Head& head() const noexcept { return layout().head; }
 

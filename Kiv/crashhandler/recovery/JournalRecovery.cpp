@@ -3,6 +3,7 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 
 #include "Core/Files/Directory.h"
@@ -65,6 +66,13 @@ void recover(const JournalFile& file, const core::Data& bytes, JournalRecovery::
   core::removeFile(file.path());
 }
 
+/// Most do not, and are large.
+bool mayHoldCrash(const core::File& file) noexcept {
+  std::array<std::uint8_t, JournalLayout::kFrontSize> front;
+  const long size = core::restartedSystemCall(SYS_pread64, file.descriptor(), front.data(), front.size(), 0);
+  return size < 0 || JournalView::mayHoldCrash(std::span(front).first(static_cast<std::size_t>(size)));
+}
+
 /// Only a whole read may say that there is nothing in it.
 void recover(const core::String& path, JournalRecovery::Report report) noexcept {
   const auto file = JournalFile::take(path);
@@ -72,6 +80,10 @@ void recover(const core::String& path, JournalRecovery::Report report) noexcept 
     if (file.error() != EAGAIN && file.error() != ENOENT) {
       kiv_log_warn("cannot look into the journal %@: error %d", path, file.error());
     }
+    return;
+  }
+  if (!mayHoldCrash(file->file())) {
+    core::removeFile(path);
     return;
   }
   const auto bytes = file->file().readAll(sizeof(JournalLayout));
