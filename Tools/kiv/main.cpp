@@ -6,6 +6,7 @@
 
 #include "Kiv/common/KivModelBase.h"
 #include "Tools/kiv/DecodeCommand.h"
+#include "Tools/kiv/ShowCommand.h"
 
 namespace {
 
@@ -22,6 +23,7 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", versionText, "Print the reporter's version");
   app.require_subcommand(1);
   const DecodeCommand decode(app);
+  const ShowCommand show(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -30,5 +32,5 @@ int main(int argc, char** argv) {
     const bool isUnknown = app.get_subcommands().empty() && !unknown.empty();
     return (isUnknown ? app.exit(CLI::ExtrasError(unknown)) : app.exit(error)) == 0 ? 0 : kUsageError;
   }
-  return decode.run();
+  return show.app().parsed() ? show.run() : decode.run();
 }
