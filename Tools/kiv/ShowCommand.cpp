@@ -9,6 +9,7 @@
 #include "Core/Files/File.h"
 #include "Tools/kiv/CrashDocument.h"
 #include "Tools/kiv/CrashTable.h"
+#include "Tools/kiv/JournalDocument.h"
 #include "Tools/kiv/LogPrinter.h"
 #include "Tools/kiv/StoredRecord.h"
 #include "Tools/kiv/Terminal.h"
@@ -105,6 +106,9 @@ ShowCommand::ShowCommand(CLI::App& app) {
   app_->add_option("--color", color_, "When to use colours: auto (as it is without), always, never")
       ->check(CLI::IsMember({"auto", "always", "never"}))
       ->option_text("WHEN");
+  app_->add_option("--journal", journal_, "Show what a process's journal holds, and the log that can be made of it")
+      ->excludes("ID")
+      ->option_text("FILE");
   app_->add_flag("--json", json_, "Print JSON instead of a table or a log");
   app_->footer(
       "Without DIR: all data directories of this user, $XDG_DATA_HOME/com.velmora.kiv/*/, or below\n"
@@ -115,6 +119,9 @@ ShowCommand::ShowCommand(CLI::App& app) {
 }
 
 int ShowCommand::run() const {
+  if (!journal_.empty()) {
+    return showJournal();
+  }
   const bool isAlone = directory_.empty();
   const bool isList = id_.empty() || (isAlone && isDirectory(id_));
   if (!isList && isAlone && !looksLikeId(id_)) {
@@ -131,6 +138,32 @@ int ShowCommand::run() const {
   const int shown = isList ? list(directories) : showOne(directories);
   std::cout.flush();
   return std::cout ? std::max(status, shown) : complain("standard output cannot be written");
+}
+
+int ShowCommand::showJournal() const {
+  const auto bytes = core::readFile(core::String(journal_));
+  if (!bytes) {
+    return complain(journal_ + " " + cannotBeRead(bytes.error()));
+  }
+  try {
+    const JournalContent journal = readJournal(bytes->span());
+    if (json_) {
+      Document whole = journal.facts;
+      whole["log"] = journal.log;
+      std::cout << jsonOf(whole);
+      return 0;
+    }
+    std::ostringstream facts;
+    printTree(facts, journal.facts);
+    std::cout << harmless(facts.str(), Place::kBlock);
+    if (!journal.log.empty()) {
+      std::cout << "\nThe log that can be made of it:\n\n";
+      printLog(std::cout, journal.log, journal.ownModule, isColored(color_));
+    }
+    return 0;
+  } catch (const BrokenDocument& broken) {
+    return complain(journal_ + " is " + broken.what());
+  }
 }
 
 std::vector<DataDirectory> ShowCommand::readDirectories(const std::string& only, int& status) const {
