@@ -4,68 +4,35 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <malloc.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <link.h>
-#include <atomic>
 #include <barrier>
 #include <cassert>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <iostream>
 #include <map>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "Core/Kernel/Symbols/SymbolTables.h"
 #include "Kiv/crashhandler/CrashReporter.h"
+#include "Tests/Harness/VictimParts.h"
 
 #define CASE extern "C" [[gnu::noinline]] void
 
 namespace {
 
-// Addresses and numbers that the optimiser must not know.
-volatile std::uintptr_t opaqueNull = 0;
-volatile int opaqueZero = 0;
-
-[[gnu::always_inline]] inline void writeTo(std::uintptr_t address) {
-  *reinterpret_cast<volatile int*>(address) = 1;
-}
+using namespace victim;
 
 struct OwnError {
   int code;
 };
-
-std::atomic<int> blocked{0};
-std::mutex gate;
-std::condition_variable never;
-
-[[gnu::noinline]] int blockDeep(int depth) {
-  volatile int kept = depth;
-  if (depth == 0) {
-    std::unique_lock lock(gate);
-    ++blocked;
-    never.wait(lock, [] { return opaqueZero != 0; });
-  } else {
-    kept = blockDeep(depth - 1);
-  }
-  return kept + 1;
-}
-
-[[gnu::noinline]] int recurse(int depth) {
-  volatile char room[1024];
-  room[0] = static_cast<char>(depth);
-  return depth < opaqueZero ? 0 : recurse(depth + 1) + room[0];
-}
 
 class Incomplete {
  public:
@@ -104,16 +71,8 @@ void onOwnThread(void (*work)()) {
   std::thread(work).join();
 }
 
-void setLimit(int resource, rlim_t value) {
-  const rlimit lowered{value, value};
-  setrlimit(resource, &lowered);
-}
-
 }  // namespace
 
-CASE nullWrite() {
-  writeTo(opaqueNull);
-}
 CASE callThroughNull() {
   reinterpret_cast<void (*)()>(opaqueNull)();
   asm volatile("");  // not a jump
@@ -137,10 +96,6 @@ CASE truncatedMapping() {
   if (mapped != nullptr && ftruncate(file, 0) == 0) {
     writeTo(reinterpret_cast<std::uintptr_t>(mapped));
   }
-}
-CASE integerDivision() {
-  volatile int one = 1;
-  one = one / opaqueZero;
 }
 CASE illegalInstruction() {
   asm volatile("ud2");
@@ -173,10 +128,6 @@ CASE throwFromDestructor() {
 }
 CASE pureVirtualCall() {
   const Complete complete;
-}
-CASE overflowStack() {
-  recurse(0);
-  asm volatile("");
 }
 CASE doubleFree() {
   void* volatile piece = std::malloc(32);
@@ -259,24 +210,6 @@ const std::map<std::string, std::function<void()>> kCases = {
     {"no-memory", useUpAddressSpace},
     {"frame-pointer", overwrittenFramePointer},
 };
-
-/// The tables are made in the background: functions have names from then on.
-void waitForNames() {
-  const auto address = reinterpret_cast<std::uint64_t>(&nullWrite);
-  while (!core::SymbolTables::View().lookup(address)) {
-    std::this_thread::yield();
-  }
-}
-
-void startBlockedThreads(int count) {
-  constexpr int kDepth = 17;
-  for (int i = 0; i < count; ++i) {
-    std::thread([] { blockDeep(kDepth); }).detach();
-  }
-  while (blocked < count) {
-    std::this_thread::yield();
-  }
-}
 
 }  // namespace
 

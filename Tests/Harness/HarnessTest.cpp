@@ -2,7 +2,6 @@
 #include <signal.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <regex>
@@ -61,14 +60,6 @@ const Row kRows[] = {
 };
 
 constexpr std::chrono::seconds kMostTime{3};
-constexpr std::size_t kBlockedDepth = 18;  // frames of blockDeep on each further thread
-
-/// The stack that the report is about, up to the blank line behind its frames.
-std::string crashedStackOf(const std::string& log) {
-  const std::size_t thrown = log.find("Last Exception Backtrace :\n");
-  const std::size_t start = thrown != std::string::npos ? thrown : log.find(" Crashed: \n");
-  return start == std::string::npos ? "" : log.substr(start, log.find("\n\n", start) - start);
-}
 
 /// What is wrong with the end of one victim, "" for nothing.
 std::string faultOf(const Row& row, int threads) {
@@ -88,32 +79,27 @@ std::string faultOf(const Row& row, int threads) {
   if (!std::regex_search(log, exception)) {
     return "another exception\n" + log;
   }
-  if (crashedStackOf(log).find(row.function) == std::string::npos) {
+  if (test::crashedStackOf(log).find(row.function) == std::string::npos) {
     return "the function is not named\n" + log;
   }
-  if (test::countOf(log, "blockDeep") != static_cast<std::size_t>(threads) * kBlockedDepth) {
+  if (test::countOf(log, "blockDeep") != static_cast<std::size_t>(threads) * test::kBlockedDepth) {
     return "not all threads are there whole\n" + log;
   }
   return log.find("\nBinary Images:\n") != std::string::npos ? "" : "the log is cut\n" + log;
-}
-
-int rounds() {
-  const char* text = std::getenv("KIV_HARNESS_ROUNDS");
-  return text != nullptr ? std::atoi(text) : 1;
 }
 
 class Harness : public testing::TestWithParam<int> {};
 
 TEST_P(Harness, EveryDeathLeavesItsLog) {
   std::map<std::string, int> passed;
-  for (int round = 0; round < rounds(); ++round) {
+  for (int round = 0; round < test::rounds(); ++round) {
     for (const Row& row : kRows) {
       const std::string fault = faultOf(row, GetParam());
       EXPECT_EQ(fault, "") << row.name << " beside " << GetParam() << " threads";
       passed[row.name] += fault.empty() ? 1 : 0;
     }
   }
-  if (rounds() > 1) {
+  if (test::rounds() > 1) {
     for (const Row& row : kRows) {
       std::cout << "passed: " << row.name << " " << GetParam() << " " << passed[row.name] << std::endl;
     }

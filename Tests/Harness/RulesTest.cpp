@@ -31,9 +31,6 @@ const Row kRows[] = {
     {"previous-plain", SIGSEGV, 1, kUsual, "Last Exception", "previous 11\n",
      "<INFO> <KIV> Forward signal 11 to the handler 0x"},
     {"previous-ignore", SIGSEGV, 1, kUsual, "Last Exception", kNothing, kNothing},
-    // Still one crash for the library, which goes on counting: the second is "again".
-    {"previous-leaves", SIGFPE, 1, "\nException Type: SIGSEGV(SIGFPE)\n", nullptr, "alive\n",
-     "<KIV> Trap a fatal signal 8 [8, 0, 1] again"},
     {"callback-same-fault", SIGSEGV, 0, nullptr, nullptr, kNothing,
      "<INFO> <KIV> signal 11 info(11, 0, 1) already handled,uninstall\n"},
     {"callback-same-signal", SIGSEGV, 1, kLastOfNull, "Maybe SDK Crash", kNothing,

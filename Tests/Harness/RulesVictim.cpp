@@ -1,7 +1,6 @@
 // Crashes under one of the rules that the handlers keep, which its command line names:
 // rules_victim <case>. RulesTest.cpp looks at what is left and at what it wrote.
 
-#include <setjmp.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -24,12 +23,11 @@
 #include "Kiv/crashhandler/bughandler/SignalHandling.h"
 #include "Platform/Foundation/NSException.h"
 #include "Platform/RunLoop/RunLoop.h"
+#include "Tests/Harness/VictimParts.h"
 
 namespace {
 
-volatile std::uintptr_t opaqueNull = 0;
-volatile int opaqueZero = 0;
-sigjmp_buf wayOut;
+using namespace victim;
 
 [[gnu::format(printf, 1, 2)]] void say(const char* format, ...) {
   char line[128];
@@ -40,17 +38,6 @@ sigjmp_buf wayOut;
   if (write(STDOUT_FILENO, line, static_cast<std::size_t>(size)) < 0) {
     _exit(5);
   }
-}
-
-[[gnu::noinline]] void nullWrite() {
-  *reinterpret_cast<volatile int*>(opaqueNull) = 1;
-}
-[[gnu::noinline]] void writeNearNull() {
-  *reinterpret_cast<volatile int*>(opaqueNull + 8) = 1;
-}
-[[gnu::noinline]] void divide() {
-  volatile int one = 1;
-  one = one / opaqueZero;
 }
 
 CrashReporter& reporter() {
@@ -64,14 +51,6 @@ void install() {
   }
 }
 
-/// The handler of another component.
-void setHandler(int signal, void (*handler)(int, siginfo_t*, void*)) {
-  struct sigaction action {};
-  action.sa_sigaction = handler;
-  action.sa_flags = SA_SIGINFO | SA_ONSTACK;
-  sigaction(signal, &action, nullptr);
-}
-
 void sayInfo(int signal, siginfo_t* info, void* context) {
   const auto* const fault = reinterpret_cast<char*>(static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_RIP]);
   const auto* const start = reinterpret_cast<char*>(&nullWrite);
@@ -80,9 +59,6 @@ void sayInfo(int signal, siginfo_t* info, void* context) {
 }
 void sayPlain(int signal) {
   say("previous %d\n", signal);
-}
-void leave(int, siginfo_t*, void*) {
-  siglongjmp(wayOut, 1);
 }
 void callReporters(int signal, siginfo_t* info, void* context) {
   kiv_signal_handler(signal, info, context);
@@ -102,18 +78,6 @@ void sayStackUse(int, siginfo_t*, void*) {
   say("%zu of %zu\n", static_cast<std::size_t>(pages + count - first) * 4096, stack.ss_size);
 }
 
-// The application's callback, which faults at its first call, or at its first two.
-int calls = 0;
-template <void (*first)(), void (*second)() = nullptr>
-int faultingCallback() {
-  ++calls;
-  if (calls == 1) {
-    first();
-  } else if (calls == 2 && second != nullptr) {
-    second();
-  }
-  return 0;
-}
 void installWithCallback(int (*callback)()) {
   reporter().setUserCrashHandlerCallback(callback);
   install();
@@ -147,18 +111,6 @@ void crashOfGoneHandlers() {
   nullWrite();
 }
 
-void crashTwiceWithAWayOut() {
-  setHandler(SIGSEGV, leave);
-  install();
-  if (sigsetjmp(wayOut, 1) == 0) {
-    nullWrite();
-  }
-  say("alive\n");
-  reporter().uninstall();
-  install();
-  divide();
-}
-
 void throwTwice() {
   install();
   kiv_objc_uncaught_handler(NSException("FirstError", "first reason"));
@@ -186,7 +138,6 @@ const std::map<std::string, std::function<void()>> kCases = {
        install();
        nullWrite();
      }},
-    {"previous-leaves", crashTwiceWithAWayOut},
     {"callback-same-fault",
      [] {
        installWithCallback(faultingCallback<nullWrite>);
@@ -199,12 +150,12 @@ const std::map<std::string, std::function<void()>> kCases = {
      }},
     {"callback-other-signal",
      [] {
-       installWithCallback(faultingCallback<divide>);
+       installWithCallback(faultingCallback<integerDivision>);
        nullWrite();
      }},
     {"callback-faults-twice",
      [] {
-       installWithCallback(faultingCallback<writeNearNull, divide>);
+       installWithCallback(faultingCallback<writeNearNull, integerDivision>);
        nullWrite();
      }},
     {"callback-throws",
@@ -238,7 +189,7 @@ const std::map<std::string, std::function<void()>> kCases = {
      [] {
        setHandler(SIGFPE, sayStackUse);
        reporter().setEnableSymbolicateInProcess(true);
-       installWithCallback(faultingCallback<divide>);
+       installWithCallback(faultingCallback<integerDivision>);
        nullWrite();
      }},
     {"stack-use-in-thread",

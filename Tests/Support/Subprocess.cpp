@@ -58,8 +58,9 @@ bool drain(int descriptor, std::string& into) {
 
 }  // namespace
 
-Subprocess::Subprocess(const std::vector<std::string>& command, const Environment& environment)
-    : deadline_(std::chrono::steady_clock::now() + std::chrono::minutes(1)) {
+Subprocess::Subprocess(const std::vector<std::string>& command, const Environment& environment,
+                       std::chrono::seconds mostTime)
+    : deadline_(std::chrono::steady_clock::now() + mostTime) {
   int output[2];
   int errors[2];
   require(::pipe2(output, O_CLOEXEC) == 0 && ::pipe2(errors, O_CLOEXEC) == 0, errno, "pipe2");

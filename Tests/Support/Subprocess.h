@@ -23,15 +23,16 @@ struct Outcome {
 using Environment = std::map<std::string, std::optional<std::string>>;
 
 /// A program that a test runs, with nothing to read, a process group of its own, default signal
-/// actions and an empty signal mask. Its group is killed after a minute; the destructor
-/// kills what still runs. One thread at a time.
+/// actions and an empty signal mask. Its group is killed after a minute, or as said; the
+/// destructor kills what still runs. One thread at a time.
 ///
 ///     const test::Outcome outcome = test::Subprocess::run({victim, "abort"});
 ///     EXPECT_EQ(outcome.signal, SIGABRT) << outcome.errors;
 class Subprocess {
  public:
   /// `command[0]` is searched in PATH. Throws std::system_error when it cannot be started.
-  explicit Subprocess(const std::vector<std::string>& command, const Environment& environment = {});
+  explicit Subprocess(const std::vector<std::string>& command, const Environment& environment = {},
+                      std::chrono::seconds mostTime = std::chrono::minutes(1));
   Subprocess(const Subprocess&) = delete;
   Subprocess& operator=(const Subprocess&) = delete;
   ~Subprocess();
