@@ -97,8 +97,39 @@ nextStart() {
   expect "The function at fault is not named" grep decodeFrame "$out"
 }
 
+# Killed from outside in the middle of its handling, when the program's own callback has the word.
+killedCrash() {
+  local journal pid
+  log=$scratch/killed.log
+  heading "\$ ovalyn --simulate hang, and kill -9 while the crash is recorded"
+  "$top/build/release/bin/ovalyn" --simulate hang >"$scratch/killed.out" 2>"$log" &
+  pid=$!
+  status=0
+  expect "The client did not come to its callback" appears 'Call user crash handler callback' "$log"
+  kill -KILL "$pid" 2>/dev/null || true
+  wait "$pid" 2>/dev/null || status=$?
+  expect "The client was not killed" ends $((128 + $(kill -l KILL)))
+  printf '    killed; no log was saved\n'
+  journal=$(find "$XDG_DATA_HOME" -name '.journal_*' -printf '%T@ %p\n' | sort -n | tail -n 1 | cut -d' ' -f2-)
+  heading "\$ kiv show --journal ${journal/#"$scratch"/SCRATCH}"
+  "$top/build/release/bin/kiv" show --journal "$journal" >"$scratch/journal.txt" || fail "kiv cannot show $journal"
+  sed -n '1,/^threads/p' "$scratch/journal.txt" | show
+  printf '    …\n'
+  ovalyn third --quit-after 1
+  sed -n '1,/^Handler/p;/^Exception Type/,/^$/p;/^Thread 0/,/^$/p' "$out" | uniq | show
+  printf '    …\n'
+  expect "The start after the kill did not end in order" ends 0
+  expect "The start after the kill did not recover the crash" grep 'Handler: Signal Handler (recovered)' "$out"
+  expect "The function at fault is not named" grep decodeFrame "$out"
+}
+
+# appears <text> <file>: waits for it, ten seconds at most.
+appears() {
+  timeout 10 sh -c 'until grep -qs "$1" "$2"; do sleep 0.01; done' sh "$1" "$2"
+}
+
 needPackages "${packages[@]}"
-buildRelease ovalyn
+buildRelease ovalyn kiv
 
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/kiv-run.XXXXXX")
 export XDG_DATA_HOME=$scratch/data XDG_CONFIG_HOME=$scratch/config XDG_STATE_HOME=$scratch/state
@@ -110,6 +141,7 @@ dataFiles
 stacks
 crash
 nextStart
+killedCrash
 
 heading "All steps did what they should."
 [[ ${KEEP:-} != 1 ]] || printf 'The data is in %s\n' "$scratch"

@@ -40,8 +40,8 @@ OvalynOptions OvalynOptions::parse(int argc, char** argv) {
   std::string kind;
   app.add_option("--simulate", kind,
                  "Go wrong on purpose: 'signal' writes through a null pointer, 'abort' gives up, "
-                 "'exception' throws what nobody catches")
-      ->check(CLI::IsMember({"signal", "abort", "exception"}))
+                 "'exception' throws what nobody catches, 'hang' does as 'signal' and hangs while that is recorded")
+      ->check(CLI::IsMember({"signal", "abort", "exception", "hang"}))
       ->option_text("KIND");
   try {
     app.parse(argc, argv);
@@ -50,7 +50,10 @@ OvalynOptions OvalynOptions::parse(int argc, char** argv) {
   }
   if (!kind.empty()) {
     const std::map<std::string, Simulation> kinds = {
-        {"signal", Simulation::kSignal}, {"abort", Simulation::kAbort}, {"exception", Simulation::kException}};
+        {"signal", Simulation::kSignal},
+        {"abort", Simulation::kAbort},
+        {"exception", Simulation::kException},
+        {"hang", Simulation::kHang}};
     options.simulation = kinds.at(kind);
   }
   return options;

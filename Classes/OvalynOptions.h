@@ -5,7 +5,7 @@
 
 /// What the client was asked to do on its command line.
 struct OvalynOptions {
-  enum class Simulation { kNone, kSignal, kAbort, kException };
+  enum class Simulation { kNone, kSignal, kAbort, kException, kHang };
 
   std::string collectUrl;           ///< empty for the bundle's own
   std::optional<double> quitAfter;  ///< seconds from the start of the main loop

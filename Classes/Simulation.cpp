@@ -1,5 +1,7 @@
 #include "Classes/Simulation.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <stdexcept>
 
@@ -28,6 +30,12 @@ template <class Step>
 void simulateSignal() {
   renderNextFrame([] { decodeFrame(nullptr); });
   asm volatile("");
+}
+
+int simulateHang() {
+  for (;;) {
+    pause();
+  }
 }
 
 void simulateAbort() {

@@ -21,6 +21,7 @@ constexpr double kSimulationDelay = 0.2;
 void (*simulationOf(const OvalynOptions& options))() {
   switch (options.simulation) {
     case OvalynOptions::Simulation::kSignal:
+    case OvalynOptions::Simulation::kHang:
       return simulateSignal;
     case OvalynOptions::Simulation::kAbort:
       return simulateAbort;
@@ -55,6 +56,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   reporter.setEnableSymbolicateInProcess(true);
+  if (options.simulation == OvalynOptions::Simulation::kHang) {
+    reporter.setUserCrashHandlerCallback(simulateHang);
+  }
   if (!reporter.install()) {
     std::cerr << "ovalyn: the crash reporter is not installed; crashes of this run are not reported\n";
   }

@@ -74,4 +74,10 @@ std::optional<Symbol> SymbolTables::View::lookup(std::uint64_t address) const no
   return after != first ? (after - 1)->index->lookup(address) : std::nullopt;
 }
 
+bool SymbolTables::View::has(std::uint64_t base) const noexcept {
+  const Table* table = table_.get();
+  return table != nullptr && std::any_of(table->images.begin(), table->images.end(),
+                                         [base](const ImageSymbols& image) { return image.image.base == base; });
+}
+
 }  // namespace core

@@ -26,6 +26,8 @@ class SymbolTables {
 
     /// The function around `address`, nothing where there is none; its name lives with the view.
     std::optional<Symbol> lookup(std::uint64_t address) const noexcept;
+    /// Whether there is an index of the image that begins there.
+    bool has(std::uint64_t base) const noexcept;
 
    private:
     Viewed<Table>::View table_;

@@ -25,7 +25,7 @@ class AddressSource {
 
   /// Whether functions of the image with that short name are named.
   virtual bool namesFunctionsOf(const core::String& moduleName) noexcept = 0;
-  /// The function around an address; its name lives as long as the source.
+  /// The function around an address; its name lives until the next call.
   virtual std::optional<core::Symbol> functionAt(std::uint64_t address) const noexcept = 0;
   /// As kiv_symbolicate().
   virtual std::size_t symbolicate(std::uint64_t address, std::span<char, kKivSymbolBuffer> buffer) const noexcept = 0;

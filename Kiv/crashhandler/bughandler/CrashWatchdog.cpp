@@ -113,12 +113,12 @@ void CrashWatchdog::arm(int signal) noexcept {
   armThreadTimer();
 }
 
+// The thread finds out when it wakes at what was the deadline: no call is left that could hang unwatched.
 void CrashWatchdog::release() noexcept {
-  handled.store(0, std::memory_order_release);
-  tellThread();
   if (const int id = timerId.exchange(-1); id != -1) {
     core::systemCall(SYS_timer_delete, id);
   }
+  handled.store(0, std::memory_order_release);
 }
 
 CrashWatchdog::Limit::Limit(std::int64_t nanoseconds) noexcept : outer_(deadline) {

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "Core/Kernel/Symbols/ExportedSymbol.h"
 #include "Core/Kernel/Unwind/CodeBytes.h"
 #include "Core/Memory/CrashOwner.h"
 #include "Kiv/crashhandler/bughandler/KivBinaryImageCollector.h"
@@ -25,11 +26,16 @@ bool LiveAddresses::namesFunctionsOf(const core::String& moduleName) noexcept {
 }
 
 std::optional<core::Symbol> LiveAddresses::functionAt(std::uint64_t address) const noexcept {
-  return symbols_.lookup(address);
+  if (const auto symbol = symbols_.lookup(address)) {
+    return symbol;
+  }
+  const auto place = placeOf(address);
+  const bool isNew = place && !symbols_.has(place->base);
+  return isNew ? core::findExportedSymbol(place->base, address, name_) : std::nullopt;
 }
 
 std::size_t LiveAddresses::symbolicate(std::uint64_t address, std::span<char, kKivSymbolBuffer> buffer) const noexcept {
-  return kiv_symbolicate(address, buffer);
+  return kiv_symbolicate(functionAt(address), buffer);
 }
 
 bool LiveAddresses::isSignalReturn(std::uint64_t address) const noexcept {

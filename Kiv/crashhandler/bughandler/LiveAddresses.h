@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+
 #include "Core/Kernel/OwnMemory.h"
 #include "Core/Kernel/Symbols/SymbolTables.h"
 #include "Core/Kernel/Unwind/CodeImages.h"
@@ -40,4 +42,5 @@ class LiveAddresses final : public AddressSource {
   const core::SymbolTables::View symbols_;
   const core::CodeImages::View images_;
   const core::OwnMemory memory_;
+  mutable std::array<char, kKivSymbolBuffer> name_;  // of a function that has no index yet
 };

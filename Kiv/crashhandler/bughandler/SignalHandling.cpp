@@ -159,18 +159,32 @@ bool goesOn(KivCrashData& data, int sig, const siginfo_t& info, std::uint32_t co
   return count <= 2;
 }
 
-void callPrevious(int sig, siginfo_t* info, void* context) noexcept {
+/// The handler that was there before, nullptr for none that is to be called.
+const struct sigaction* previousHandler(int sig) noexcept {
   const struct sigaction* previous = PreviousActions::of(sig);
   if (previous == nullptr) {
-    return;
+    return nullptr;
   }
-  if ((previous->sa_flags & SA_SIGINFO) != 0) {
-    if (previous->sa_sigaction != nullptr) {
-      previous->sa_sigaction(sig, info, context);
-    }
-  } else if (previous->sa_handler != SIG_DFL && previous->sa_handler != SIG_IGN) {
-    kiv_log_info("Forward signal %d to the handler %p", sig, reinterpret_cast<const void*>(previous->sa_handler));
-    previous->sa_handler(sig);
+  const bool isHandler = (previous->sa_flags & SA_SIGINFO) != 0
+                             ? previous->sa_sigaction != nullptr
+                             : previous->sa_handler != SIG_DFL && previous->sa_handler != SIG_IGN;
+  return isHandler ? previous : nullptr;
+}
+
+void call(const struct sigaction& previous, int sig, siginfo_t* info, void* context) noexcept {
+  if ((previous.sa_flags & SA_SIGINFO) != 0) {
+    previous.sa_sigaction(sig, info, context);
+  } else {
+    kiv_log_info("Forward signal %d to the handler %p", sig, reinterpret_cast<const void*>(previous.sa_handler));
+    previous.sa_handler(sig);
+  }
+}
+
+/// What the handling's own writes have brought about and is pending since: it is nobody else's.
+void dropOwnSignals() noexcept {
+  const core::KernelSignalSet own = core::signalBit(SIGXFSZ) | core::signalBit(SIGPIPE);
+  const timespec now{};
+  while (core::systemCall(SYS_rt_sigtimedwait, &own, nullptr, &now, sizeof own) > 0) {
   }
 }
 
@@ -181,16 +195,19 @@ void restoreMask(const void* context) noexcept {
   changeMask(SIG_SETMASK, interrupted | fatalSignals());
 }
 
-/// The handler that was there before may leave by a jump: everything that a crash holds is given
-/// back before it is called.
+/// The handler that was there before may leave by a jump: everything that a crash holds is given back
+/// before it is called. Where there is none the process ends here, watched to its end.
 void forward(int sig, siginfo_t* info, void* context) noexcept {
-  CrashWatchdog::release();
-  core::ThreadSuspension::resumeAll();
-  core::CrashOwner::release();
-  __atomic_store_n(&gate, kForwarded, __ATOMIC_RELEASE);
-  core::futexWake(gate);
-  restoreMask(context);
-  callPrevious(sig, info, context);
+  dropOwnSignals();
+  if (const struct sigaction* previous = previousHandler(sig)) {
+    core::ThreadSuspension::resumeAll();
+    core::CrashOwner::release();
+    __atomic_store_n(&gate, kForwarded, __ATOMIC_RELEASE);
+    core::futexWake(gate);
+    restoreMask(context);
+    CrashWatchdog::release();
+    call(*previous, sig, info, context);
+  }
   raiseSignal(sig);
 }
 

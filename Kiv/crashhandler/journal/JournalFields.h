@@ -53,18 +53,18 @@ class JournalFieldWriter {
   }
   template <class V>
   void put(const core::Array<V>& items) noexcept {
-    putList(items, [this](const V& item) { put(item); });
+    putList(items, [this](const V& item) { this->put(item); });
   }
   template <class V>
   void put(const core::Dictionary<V>& entries) noexcept {
     putList(entries, [this](const auto& entry) {
-      put(entry.key);
-      put(entry.value);
+      this->put(entry.key);
+      this->put(entry.value);
     });
   }
   template <JournalRecord T>
   void put(const T& record) noexcept {
-    T::fields(record, [this](const auto&... members) { (put(members), ...); });
+    T::fields(record, [this](const auto&... members) { (this->put(members), ...); });
   }
 
  private:
@@ -162,7 +162,7 @@ class JournalFieldReader {
   }
   template <JournalRecord T>
   void take(T& record) noexcept {
-    T::fields(record, [this](auto&... members) { (take(members), ...); });
+    T::fields(record, [this](auto&... members) { (this->take(members), ...); });
   }
 
  private:
