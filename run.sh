@@ -87,12 +87,29 @@ crash() {
   printf '    ended by SIGSEGV\n'
 }
 
+# kiv <arguments>: leaves what it wrote in $out.
+kiv() {
+  out=$scratch/kiv.out
+  log=$out
+  heading "\$ kiv $*"
+  status=0
+  "$top/build/release/bin/kiv" "$@" >"$out" 2>&1 || status=$?
+}
+
+# The ID of the newest stored crash.
+newest() {
+  "$top/build/release/bin/kiv" show | sed -n '2s/ .*//p'
+}
+
 nextStart() {
   ovalyn second --quit-after 1
-  sed -n '1,/^Thread 0/p;/^Thread 0/,/^$/p' "$out" | uniq | show
-  printf '    …\n'
+  show <"$out"
   expect "The start after the crash did not end in order" ends 0
   expect "The start after the crash did not find it" grep 'The run before crashed' "$out"
+  kiv show "$(newest)"
+  sed -n '1,/^Thread 0/p;/^Thread 0/,/^$/p' "$out" | uniq | show
+  printf '    …\n'
+  expect "The stored crash cannot be shown" ends 0
   expect "The crash is not described" grep 'SIGSEGV' "$out"
   expect "The function at fault is not named" grep decodeFrame "$out"
 }
@@ -109,18 +126,28 @@ killedCrash() {
   kill -KILL "$pid" 2>/dev/null || true
   wait "$pid" 2>/dev/null || status=$?
   expect "The client was not killed" ends $((128 + $(kill -l KILL)))
-  printf '    killed; no log was saved\n'
+  printf '    killed; nothing was stored\n'
   journal=$(find "$XDG_DATA_HOME" -name '.journal_*' -printf '%T@ %p\n' | sort -n | tail -n 1 | cut -d' ' -f2-)
   heading "\$ kiv show --journal ${journal/#"$scratch"/SCRATCH}"
   "$top/build/release/bin/kiv" show --journal "$journal" >"$scratch/journal.txt" || fail "kiv cannot show $journal"
   sed -n '1,/^threads/p' "$scratch/journal.txt" | show
   printf '    …\n'
   ovalyn third --quit-after 1
-  sed -n '1,/^Handler/p;/^Exception Type/,/^$/p;/^Thread 0/,/^$/p' "$out" | uniq | show
-  printf '    …\n'
+  show <"$out"
   expect "The start after the kill did not end in order" ends 0
-  expect "The start after the kill did not recover the crash" grep 'Handler: Signal Handler (recovered)' "$out"
-  expect "The function at fault is not named" grep decodeFrame "$out"
+  expect "The start after the kill did not find the crash" grep 'The run before crashed' "$out"
+  kiv show "$(newest)"
+  sed -n '1p;/^Exception Type/,/^$/p;/^Thread 0 Crashed/,/^$/p' "$out" | uniq | show
+  printf '    …\n'
+  expect "The start after the kill did not recover the crash" grep -x 'Handler: Signal Handler (recovered)' "$out"
+  expect "The function at fault is not named" grep giveUpOnFrame "$out"
+}
+
+storedCrashes() {
+  kiv show
+  show <"$out"
+  expect "The stored crashes cannot be listed" ends 0
+  expect "There are not two of them" test "$(wc -l <"$out")" = 3
 }
 
 # appears <text> <file>: waits for it, ten seconds at most.
@@ -142,6 +169,7 @@ stacks
 crash
 nextStart
 killedCrash
+storedCrashes
 
 heading "All steps did what they should."
 [[ ${KEEP:-} != 1 ]] || printf 'The data is in %s\n' "$scratch"

@@ -1,7 +1,8 @@
 // What a crash takes, beside some threads that are blocked 20 frames deep: from the fault to the
-// finished log, and to the end of the process. Each round starts this program again, which
-// crashes, and writes the clock at both places. `withoutReporter` is what the kernel needs alone.
-// What is saved goes below TMPDIR: a disk there costs one flush of it.
+// finished log, and to the end of the process, when its memory is given back and its descriptors close (the
+// parent's wait for it may take milliseconds more, in which the kernel forgets the child's /proc). Each round starts
+// this program again, which crashes, and writes the clock at both places. `withoutReporter` is what the kernel needs
+// alone. What is saved goes below TMPDIR: a disk there costs one flush of it.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -111,10 +112,13 @@ bool runChild(int threads, bool reported, const std::string& home, Moments& told
     _exit(1);
   }
   close(ends[1]);
+  const bool isWhole = read(ends[0], &told, sizeof told) == sizeof told;
+  char none;
+  while (read(ends[0], &none, 1) > 0) {
+  }
+  end = now();
   int status = 0;
   waitpid(child, &status, 0);
-  end = now();
-  const bool isWhole = read(ends[0], &told, sizeof told) == sizeof told;
   close(ends[0]);
   return isWhole && WIFSIGNALED(status);
 }

@@ -40,7 +40,7 @@ OvalynOptions OvalynOptions::parse(int argc, char** argv) {
   std::string kind;
   app.add_option("--simulate", kind,
                  "Go wrong on purpose: 'signal' writes through a null pointer, 'abort' gives up, "
-                 "'exception' throws what nobody catches, 'hang' does as 'signal' and hangs while that is recorded")
+                 "'exception' throws what nobody catches, 'hang' does as 'abort' and hangs while that is recorded")
       ->check(CLI::IsMember({"signal", "abort", "exception", "hang"}))
       ->option_text("KIND");
   try {

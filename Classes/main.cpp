@@ -1,7 +1,6 @@
 #include <signal.h>
 
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 
 #include "Classes/OvalynOptions.h"
@@ -21,27 +20,15 @@ constexpr double kSimulationDelay = 0.2;
 void (*simulationOf(const OvalynOptions& options))() {
   switch (options.simulation) {
     case OvalynOptions::Simulation::kSignal:
-    case OvalynOptions::Simulation::kHang:
       return simulateSignal;
     case OvalynOptions::Simulation::kAbort:
+    case OvalynOptions::Simulation::kHang:
       return simulateAbort;
     case OvalynOptions::Simulation::kException:
       return simulateException;
     default:
       return nullptr;
   }
-}
-
-void printLastCrash(CrashReporter& reporter) {
-  const auto path = reporter.lastCrashLogPath();
-  if (!path) {
-    return;
-  }
-  std::cout << "The run before crashed; its log is " << *path << "\n";
-  if (std::ifstream log(*path); log.good()) {
-    std::cout << log.rdbuf();
-  }
-  std::cout.flush();
 }
 
 }  // namespace
@@ -63,7 +50,9 @@ int main(int argc, char** argv) {
     std::cerr << "ovalyn: the crash reporter is not installed; crashes of this run are not reported\n";
   }
   std::cout << "Device " << reporter.deviceIdentifier() << ", reporter " << reporter.sdkVersion() << std::endl;
-  printLastCrash(reporter);
+  if (reporter.isLastCloseByCrash()) {
+    std::cout << "The run before crashed" << std::endl;
+  }
 
   signal(SIGTERM, endInOrder);
   signal(SIGINT, endInOrder);

@@ -2,13 +2,16 @@
 
 namespace core {
 
-/// A descriptor that is held open so that a crash can open files in a process that has used up
-/// its own: File::open gives it up for the owner of a crash.
+/// Descriptors that are held open so that a crash can open files in a process that has used up its
+/// own: File::open gives one up for the owner of a crash when there is no other.
 class SpareDescriptor {
  public:
-  /// Opens it unless it is open. Normal running only.
+  /// As many as a crash holds at a time: a lock, a file, and a directory that is synced.
+  static constexpr int kHeld = 3;
+
+  /// Opens those that are not open. Normal running only.
   static void prepare() noexcept;
-  /// Closes it; false when there was none.
+  /// Closes one; false when there was none.
   static bool giveUp() noexcept;
 };
 

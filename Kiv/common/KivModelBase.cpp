@@ -310,5 +310,6 @@ void KivModelBase::resolveAll() const noexcept {
   executableUUID();
   executableArch();
   executableBaseAddress();
+  KivDeviceUtil::getFreeSpace();  // where that is measured must be known by the time of a crash
   changed_.call();
 }

@@ -11,7 +11,6 @@
 #include "Kiv/common/utils/KivLog.h"
 #include "Kiv/crashhandler/CrashReporterState.h"
 #include "Kiv/crashhandler/KivCrashModule.h"
-#include "Kiv/crashhandler/bughandler/CrashLogFile.h"
 #include "Kiv/crashhandler/bughandler/JournalKeeper.h"
 #include "Kiv/crashhandler/bughandler/KivNSExpHandler.h"
 #include "Kiv/crashhandler/bughandler/KivSigHandler.h"
@@ -322,19 +321,6 @@ bool CrashReporter::enableSignalHandlerCheckable(bool enable) {
 
 bool CrashReporter::checkAndUpload() {
   return KivCrashUploadHandler::sharedInstance().uploadCrashes();
-}
-
-std::optional<std::string> CrashReporter::lastCrashLogPath() {
-  if (!State::installed) {
-    return std::nullopt;
-  }
-  const core::Lock lock(state_->findingLog);
-  if (!state_->lookedForLog) {
-    state_->lookedForLog = true;
-    crashHandler().recoverCrashes();
-    state_->lastCrashLog = CrashLogFile::takeNewest(KivFilePersistHandler::sharedInstance().folderPath());
-  }
-  return toStandard(state_->lastCrashLog);
 }
 
 void CrashReporter::enableBlockMonitor(bool enable) {

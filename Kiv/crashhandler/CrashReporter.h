@@ -122,9 +122,6 @@ class KIV_EXPORT CrashReporter {
   bool enableSignalHandlerCheckable(bool enable);
   /// Sends stored crashes now. False when that cannot start.
   bool checkAndUpload();
-  /// The newest crash log that an earlier run left in the data directory and that no run
-  /// before this one has found. Empty when there is none or before installation.
-  std::optional<std::string> lastCrashLogPath();
   /// The stacks of all threads as they are now; each thread is stopped for a moment. For each its
   /// name, where it has one, its number, a line a frame and an empty line. Takes some milliseconds.
   std::string currentThreadStacks();

@@ -16,10 +16,6 @@ struct CrashReporter::State {
 
   core::Mutex installing;
   core::Published<std::optional<core::String>> applicationGroupIdentifier;
-
-  core::Mutex findingLog;
-  bool lookedForLog = false;
-  std::optional<core::String> lastCrashLog;
 };
 
 inline std::optional<std::string> toStandard(const std::optional<core::String>& text) {

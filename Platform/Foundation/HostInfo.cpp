@@ -1,12 +1,15 @@
 #include "Platform/Foundation/HostInfo.h"
 
 #include <stdlib.h>
-#include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/utsname.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <limits>
+
+#include "Core/Kernel/SystemCall.h"
 
 namespace platform {
 namespace {
@@ -73,11 +76,12 @@ core::String operatingSystemBuild() noexcept {
 }
 
 std::optional<VolumeSpace> volumeSpace(const core::String& path) noexcept {
-  struct statvfs facts {};
-  if (::statvfs(path.c_str(), &facts) != 0) {
+  struct statfs facts {};
+  if (core::restartedSystemCall(SYS_statfs, path.c_str(), &facts) != 0) {
     return std::nullopt;
   }
-  return VolumeSpace{std::uint64_t{facts.f_blocks} * facts.f_frsize, std::uint64_t{facts.f_bavail} * facts.f_frsize};
+  const auto block = static_cast<std::uint64_t>(facts.f_frsize);
+  return VolumeSpace{std::uint64_t{facts.f_blocks} * block, std::uint64_t{facts.f_bavail} * block};
 }
 
 std::optional<MemoryStatistics> memoryStatistics(const HostFiles& files) noexcept {

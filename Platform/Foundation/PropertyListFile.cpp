@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Core/Files/Directory.h"
 #include "Core/Files/File.h"
 #include "Core/Kernel/Process.h"
 #include "Core/Memory/CrashOwner.h"
@@ -51,7 +52,12 @@ StoredPropertyList readStoredPropertyList(const core::String& path, const core::
 }
 
 int writeStoredPropertyList(const core::String& path, const core::ValueDictionary& content) noexcept {
-  return core::writeFileAtomically(path, core::encodeBinaryPropertyList(core::Value(content)).span());
+  const core::Data bytes = core::encodeBinaryPropertyList(core::Value(content));
+  const int error = core::writeFileAtomically(path, bytes.span());
+  // Somebody has tidied up: the state is in this process still.
+  return error == ENOENT && core::createDirectories(core::parentPath(path)) == 0
+             ? core::writeFileAtomically(path, bytes.span())
+             : error;
 }
 
 }  // namespace platform

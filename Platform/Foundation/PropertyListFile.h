@@ -24,7 +24,8 @@ inline StoredPropertyList readStoredPropertyList(const core::String& path) noexc
   return readStoredPropertyList(path, path);
 }
 
-/// Replaces the file atomically, 0600, in the binary form. 0 or errno. Fit for the crash path.
+/// Replaces the file atomically, 0600, in the binary form; its directory is made again where that is gone. 0 or errno.
+/// Fit for the crash path.
 int writeStoredPropertyList(const core::String& path, const core::ValueDictionary& content) noexcept;
 
 }  // namespace platform

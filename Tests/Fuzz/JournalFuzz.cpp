@@ -85,7 +85,8 @@ constexpr void (*kChanges[])(JournalLayout&, Input&) = {addPart, addEntry, addTh
 
 /// A byte that names a change to an empty journal, and what that takes, again and again.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  auto journal = std::make_unique<JournalLayout>();
+  static const auto journal = std::make_unique<JournalLayout>();
+  std::memset(static_cast<void*>(journal.get()), 0, sizeof *journal);
   journal->head.magic = JournalLayout::kMagic;
   journal->head.version = JournalLayout::kVersion;
   journal->head.size = sizeof *journal;
@@ -93,7 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   while (!input.isSpent()) {
     kChanges[input.number<std::uint8_t>() % std::size(kChanges)](*journal, input);
   }
-  const JournalView view({reinterpret_cast<const std::uint8_t*>(journal.get()), sizeof *journal});
+  const JournalView view(*journal);
   if (view.fault() == JournalView::Fault::kNone && RecoveredCrash::isIn(view)) {
     const RecoveredCrash crash(view, DeadAddresses::Files::kIgnore);
     if (!crash.data().crashlog() || !crash.data().type()) {

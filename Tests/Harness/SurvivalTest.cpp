@@ -62,6 +62,7 @@ const Row kRows[] = {
     {"journal-halved", kSegv, {{"nullWrite"}}},
     {"disk-full", kSegv, {{"nullWrite", Writer::kNextStart}}, Disk::kSmall},
     {"disk-read-only", kSegv, {}, Disk::kReadOnly},
+    {"directory-gone", kSegv, {{"nullWrite"}}},
     {"file-size", kSegv, {{"nullWrite", Writer::kNextStart}}},
     {"process-1", kSegv, {{"nullWrite"}}},
     {"process-1-hangs", kSegv, {{"nullWrite", Writer::kNextStart}}},

@@ -17,7 +17,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <iostream>
 #include <map>
@@ -139,6 +138,7 @@ CASE crashInForkedChild() {
 }
 CASE crashInForkAndParent() {
   crashInForkedChild();
+  waitForNextSecond();
   std::printf("process %d\n", getpid());
   std::fflush(stdout);
   nullWrite();
@@ -194,10 +194,7 @@ CASE crashAndLive() {
 }
 CASE crashAndLiveOnce() {
   crashAndLive();
-  // Logs are told apart by the second and the process.
-  for (const std::time_t then = std::time(nullptr); std::time(nullptr) == then;) {
-    std::this_thread::yield();
-  }
+  waitForNextSecond();
   reporter().uninstall();
   require(reporter().installWithAppkey("victim"), "to install again");
   integerDivision();
@@ -251,6 +248,18 @@ const std::map<std::string, Case> kCases = {
        nullWrite();
      }}},
     {"disk-read-only", {nullWrite}},
+    {"directory-gone", {[] {
+       fs::remove_all(inHome(".local/share/com.velmora.kiv"));
+       nullWrite();
+     }}},
+    {"merging", {nullWrite, [] { reporter().setExpMergeUpload(true); }}},
+    {"merging-hangs",
+     {nullWrite,
+      [] {
+        reporter().setExpMergeUpload(true);
+        useCallback(hangInCallback);
+      }}},
+    {"excluded", {nullWrite, [] { reporter().setExcludeShortName({"survival_"}); }}},
     {"file-size", {[] {
        setLimit(RLIMIT_FSIZE, 1000);
        nullWrite();
@@ -286,7 +295,7 @@ int startAgain() {
   if (!reporter().installWithAppkey("victim")) {
     return 3;
   }
-  std::cout << reporter().lastCrashLogPath().value_or("");
+  std::cout << (reporter().isLastCloseByCrash() ? "the run before crashed" : "");
   return 0;
 }
 

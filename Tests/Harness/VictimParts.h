@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <ctime>
 #include <mutex>
 #include <thread>
 
@@ -93,6 +94,13 @@ inline void startBlockedThreads(int count) {
     std::thread([] { blockDeep(kDepth); }).detach();
   }
   while (blocked < count) {
+    std::this_thread::yield();
+  }
+}
+
+/// Crashes of one second share a file, so that the later one replaces the other.
+inline void waitForNextSecond() {
+  for (const std::time_t now = std::time(nullptr); std::time(nullptr) == now;) {
     std::this_thread::yield();
   }
 }

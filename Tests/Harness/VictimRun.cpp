@@ -10,9 +10,19 @@
 #include <sstream>
 #include <system_error>
 
+#include "Core/Files/Directory.h"
+#include "Kiv/crashhandler/persist/CrashIndexFile.h"
+#include "Kiv/crashhandler/persist/KivFilePersistHandler.h"
+
 namespace test {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kMostRecords = 1000;
+
+}  // namespace
 
 std::string pathOfVictim(const std::string& program) {
   return fs::read_symlink("/proc/self/exe").parent_path() / program;
@@ -44,10 +54,22 @@ std::vector<std::string> VictimHome::files(const std::vector<std::string_view>& 
   return found;
 }
 
+std::vector<KivExpObj> VictimHome::records() const {
+  std::vector<KivExpObj> records;
+  for (const std::string& index : files({CrashIndexFile::kName}, "")) {
+    KivFilePersistHandler store(core::parentPath(index));
+    store.loadAllDatas();
+    for (const KivExpObj& record : store.getAllCrashed(kMostRecords)) {
+      records.push_back(record);
+    }
+  }
+  return records;
+}
+
 std::vector<std::string> VictimHome::logs() const {
   std::vector<std::string> logs;
-  for (const std::string& path : files({"crash_", "seen_crash_"}, ".txt")) {
-    logs.push_back(contentOf(path));
+  for (const KivExpObj& record : records()) {
+    logs.push_back(attachmentOf(record, "crash.log"));
   }
   return logs;
 }
@@ -72,6 +94,15 @@ SharedPathReport::SharedPathReport() : descriptor_(::memfd_create("report", 0)) 
 SharedPathReport::~SharedPathReport() {
   ::munmap(report_, sizeof(PathReport));
   ::close(descriptor_);
+}
+
+std::string attachmentOf(const KivExpObj& record, std::string_view name) {
+  for (const KivExpAttachment& attachment : record.attachmentList) {
+    if (attachment.fileName == name && attachment.data) {
+      return {reinterpret_cast<const char*>(attachment.data->data()), attachment.data->size()};
+    }
+  }
+  return "no attachment";
 }
 
 std::size_t countOf(std::string_view text, std::string_view part) {

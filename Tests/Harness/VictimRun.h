@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Kiv/common/model/KivExpObj.h"
 #include "Tests/Harness/PathReport.h"
 #include "Tests/Support/Subprocess.h"
 #include "Tests/Support/TemporaryDirectory.h"
@@ -30,7 +31,9 @@ class VictimHome {
 
   /// Files whose name begins with one of the prefixes and ends with the suffix, sorted by name.
   std::vector<std::string> files(const std::vector<std::string_view>& prefixes, std::string_view suffix = "") const;
-  /// What the crash logs say, those too that a later start has found.
+  /// The stored crashes, as a start of the program would find them.
+  std::vector<KivExpObj> records() const;
+  /// What their logs say.
   std::vector<std::string> logs() const;
 
  private:
@@ -59,6 +62,8 @@ class SharedPathReport {
 };
 
 // What logs tell -------------------------------------------------------------------------
+
+std::string attachmentOf(const KivExpObj& record, std::string_view name);
 
 constexpr std::size_t kBlockedDepth = 18;  // frames of blockDeep on each thread that stands by
 

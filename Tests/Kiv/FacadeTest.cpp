@@ -13,6 +13,7 @@ const std::string kInfo =
 /// Written by another thread, or not before the program ends.
 bool isFromBackground(const std::string& text) {
   return text.find(" got vorin ") != text.npos || text.find(" have no stack of their own ") != text.npos ||
+         text.find(" clean old version ") != text.npos ||
          text.starts_with("<INFO> <KIV> Save crash data");
 }
 

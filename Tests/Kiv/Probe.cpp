@@ -133,7 +133,7 @@ const std::map<std::string, std::function<void(Argument)>> kOperations = {
        reporter().reportException(&exception, "message");
      }},
     {"hammer", [](Argument) { hammerSetters(); }},
-    {"last-crash", [](Argument) { print(reporter().lastCrashLogPath().value_or("(none)")); }},
+    {"last-crash", [](Argument) { print(reporter().isLastCloseByCrash() ? "crash" : "(none)"); }},
     {"disable-signals", [](Argument) { reporter().enableSignalErrorReporter(false); }},
     {"check-signals", [](Argument) { print(reporter().checkSignalHandler() ? "YES" : "NO"); }},
     {"check-exceptions", [](Argument) { print(reporter().checkNSExceptionHandler() ? "YES" : "NO"); }},

@@ -14,7 +14,7 @@ namespace {
 
 /// More than the largest libraries have; beyond that a count is corrupt.
 constexpr std::uint64_t kMostSymbols = std::uint64_t{1} << 20;
-constexpr std::size_t kSymbolsAtOnce = 48;
+constexpr std::size_t kSymbolsAtOnce = 32;
 
 bool covers(const Elf64_Sym& symbol, std::uint64_t address, std::uint64_t bias) noexcept {
   const unsigned type = ELF64_ST_TYPE(symbol.st_info);

@@ -1,5 +1,7 @@
 #include "Kiv/common/utils/KivBundleUtil.h"
 
+#include <atomic>
+
 #include "Core/Memory/Mutex.h"
 #include "Core/Text/Uuid.h"
 #include "Kiv/common/KivPersistedKeys.h"
@@ -193,5 +195,10 @@ bool KivBundleUtil::isATSAllowsArbitraryLoads() noexcept {
 }
 
 bool KivBundleUtil::isTheAppStoreEnvironment() noexcept {
-  return !platform::Bundle::main().resourcePath("embedded", "mobileprovision").has_value();
+  enum : signed char { kUnknown, kNo, kYes };
+  static std::atomic<signed char> known{kUnknown};
+  if (known == kUnknown) {
+    known = platform::Bundle::main().resourcePath("embedded", "mobileprovision").has_value() ? kNo : kYes;
+  }
+  return known == kYes;
 }

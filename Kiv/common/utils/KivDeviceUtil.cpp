@@ -5,7 +5,10 @@
 
 #include "Core/Kernel/ImageList.h"
 #include "Core/Kernel/Process.h"
+#include "Core/Memory/CrashOwner.h"
+#include "Core/Memory/Immortal.h"
 #include "Core/Memory/Mutex.h"
+#include "Core/Memory/Published.h"
 #include "Core/Text/Format.h"
 #include "Core/Text/Uuid.h"
 #include "Kiv/common/utils/KivLog.h"
@@ -35,6 +38,15 @@ int zoneNumber(int utcOffsetSeconds) noexcept {
 const platform::OperatingSystemVersion& systemVersion() noexcept {
   static const platform::OperatingSystemVersion version = platform::operatingSystemVersion();
   return version;
+}
+
+/// Where the home directory is may be told by a database alone, which a crash cannot ask.
+core::String documentsDirectory() noexcept {
+  static core::Immortal<core::Published<core::String>> known;
+  if (!core::CrashOwner::isCurrentThread()) {
+    known->set(platform::documentsDirectory());
+  }
+  return known->get();
 }
 
 }  // namespace
@@ -112,7 +124,7 @@ core::String KivDeviceUtil::getDayTimeStr() noexcept {
 }
 
 float KivDeviceUtil::getFreeSpace() noexcept {
-  const auto space = platform::volumeSpace(platform::documentsDirectory());
+  const auto space = platform::volumeSpace(documentsDirectory());
   return space ? static_cast<float>(space->free) : 0;
 }
 

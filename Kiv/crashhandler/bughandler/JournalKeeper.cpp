@@ -1,5 +1,7 @@
 #include "Kiv/crashhandler/bughandler/JournalKeeper.h"
 
+#include <atomic>
+
 #include "Core/Kernel/Process.h"
 #include "Core/Memory/CrashOwner.h"
 #include "Kiv/common/KivModelBase.h"
@@ -13,6 +15,8 @@
 namespace {
 
 using UserDataKind = CrashUserData::Kind;
+
+std::atomic<void (*)(JournalFieldWriter&)> settingsWriter{nullptr};
 
 void writeIdentity(JournalFieldWriter& writer) noexcept {
   writer.put(ReporterIdentity::current());
@@ -94,6 +98,9 @@ void JournalKeeper::keepAll() noexcept {
   keepUserData(UserDataKind::kUserMaps);
   keepUserData(UserDataKind::kScenes);
   keepUserData(UserDataKind::kEvents);
+  if (void (*const write)(JournalFieldWriter&) = settingsWriter) {
+    keepSettings(write);
+  }
   if (KivCrashData::expData().exp() != nullptr) {
     keepException();
   }
@@ -101,6 +108,11 @@ void JournalKeeper::keepAll() noexcept {
 
 void JournalKeeper::keepIdentity() noexcept {
   CrashJournal::keep(JournalPart::kIdentity, writeIdentity);
+}
+
+void JournalKeeper::keepSettings(void (*write)(JournalFieldWriter&)) noexcept {
+  settingsWriter = write;
+  CrashJournal::keep(JournalPart::kSettings, write);
 }
 
 void JournalKeeper::keepException() noexcept {

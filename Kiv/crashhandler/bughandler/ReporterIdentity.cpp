@@ -1,6 +1,7 @@
 #include "Kiv/crashhandler/bughandler/ReporterIdentity.h"
 
 #include "Kiv/common/KivModelBase.h"
+#include "Kiv/common/utils/KivBundleUtil.h"
 #include "Kiv/crashhandler/bughandler/KivStackCollector.h"
 #include "Platform/Foundation/Bundle.h"
 
@@ -26,6 +27,21 @@ ReporterIdentity ReporterIdentity::current() noexcept {
   identity.resumeTime = model.resumeTime();
   identity.lastRecordTime = model.lastRecordTime();
   identity.serverTimeDelta = model.serverTimeDelta();
+  identity.sessionId = model.sessionId();
+  identity.gatewayIP = model.gatewayIP();
+  identity.vorin = model.vorin();
+  identity.country = model.country();
+  identity.idfv = model.idfv();
+  identity.cpuArch = model.cpuArch();
+  identity.executableUUID = model.executableUUID();
+  identity.executableArch = model.executableArch();
+  identity.executableBaseAddress = model.executableBaseAddress();
+  identity.componentInfos = model.componentInfos();
+  identity.extras = model.extras();
+  identity.diskSize = model.diskSize();
+  identity.memSize = model.memSize();
+  identity.isReet = model.isReet();
+  identity.isAppStore = KivBundleUtil::isTheAppStoreEnvironment();
   identity.namesOwnFunctions = KivStackCollector::sharedInstance().needSymbol();
   return identity;
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "Core/Memory/Dictionary.h"
 #include "Core/Memory/String.h"
 
 /// Who reports a crash and in what state it was: what log and record take from KivModelBase. A plain
@@ -11,7 +12,11 @@ struct ReporterIdentity {
   using Text = std::optional<core::String>;
 
   Text appId, appVersion, bundleId, resourcePath, pIdentity, sdkVersion, userid, openudid;
-  Text hardwareModel, osVer, processName, parentProcName;
+  Text sessionId, gatewayIP, vorin, country, idfv;
+  Text hardwareModel, osVer, cpuArch, processName, parentProcName;
+  Text executableUUID, executableArch, executableBaseAddress;
+  Text componentInfos;  ///< empty for none
+  core::Dictionary<core::String> extras;
   std::int64_t processId = 0;
   std::int64_t parentProcId = 0;
   // Milliseconds, since 1970 but for the delta.
@@ -20,6 +25,10 @@ struct ReporterIdentity {
   std::int64_t resumeTime = 0;
   std::int64_t lastRecordTime = 0;
   std::int64_t serverTimeDelta = 0;
+  std::int64_t diskSize = 0;  ///< bytes
+  std::int64_t memSize = 0;   ///< bytes
+  bool isReet = false;
+  bool isAppStore = false;
   bool namesOwnFunctions = false;  ///< KivStackCollector::needSymbol
 
   /// As it stands; fit for the crash path.
@@ -28,8 +37,10 @@ struct ReporterIdentity {
   template <class Self, class Each>
   static void fields(Self& self, Each&& each) noexcept {
     each(self.appId, self.appVersion, self.bundleId, self.resourcePath, self.pIdentity, self.sdkVersion, self.userid,
-         self.openudid, self.hardwareModel, self.osVer, self.processName, self.parentProcName, self.processId,
-         self.parentProcId, self.startTime, self.backGroundTime, self.resumeTime, self.lastRecordTime,
-         self.serverTimeDelta, self.namesOwnFunctions);
+         self.openudid, self.sessionId, self.gatewayIP, self.vorin, self.country, self.idfv, self.hardwareModel,
+         self.osVer, self.cpuArch, self.processName, self.parentProcName, self.executableUUID, self.executableArch,
+         self.executableBaseAddress, self.processId, self.parentProcId, self.startTime, self.backGroundTime,
+         self.resumeTime, self.lastRecordTime, self.serverTimeDelta, self.diskSize, self.memSize, self.isReet,
+         self.isAppStore, self.namesOwnFunctions, self.componentInfos, self.extras);
   }
 };

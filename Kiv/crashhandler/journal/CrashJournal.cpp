@@ -16,11 +16,12 @@
 #include "Core/Memory/Immortal.h"
 #include "Core/Memory/Mutex.h"
 #include "Core/Memory/Published.h"
+#include "Core/Text/Uuid.h"
 #include "Kiv/crashhandler/journal/JournalFile.h"
 
 // Another process reads it.
 static_assert(std::is_trivially_copyable_v<JournalLayout> && std::is_standard_layout_v<JournalLayout>);
-static_assert(offsetof(JournalLayout, entries) == 40 && sizeof(CrashFacts) == 224);
+static_assert(offsetof(JournalLayout, entries) == 112 && sizeof(CrashFacts) == 224);
 static_assert(offsetof(JournalLayout, snapshot) == JournalLayout::kFrontSize);
 static_assert(sizeof(JournalLayout::Entry) == 224 + 16 + 256 * 8);
 
@@ -78,14 +79,16 @@ bool makeIn(const core::String& directory) noexcept {
     journal = map(-1);
   }
   if (journal != nullptr) {
-    journal->head = {.magic = JournalLayout::kMagic,
-                     .version = JournalLayout::kVersion,
-                     .size = sizeof(JournalLayout),
-                     .processId = core::processId(),
-                     .settled = 0,
-                     .created = core::wallClockNanoseconds() / kNanosecondsAMillisecond,
-                     .attempts = 0,
-                     .unused = 0};
+    JournalLayout::Head& head = journal->head;
+    head.magic = JournalLayout::kMagic;
+    head.version = JournalLayout::kVersion;
+    head.size = sizeof(JournalLayout);
+    head.processId = core::processId();
+    head.created = core::wallClockNanoseconds() / kNanosecondsAMillisecond;
+    for (auto& uid : head.uids) {
+      const core::String made = core::generateUuid();
+      made.view().copy(uid.data(), uid.size());
+    }
   }
   mapped.store(journal, std::memory_order_release);
   return isFile;
@@ -177,6 +180,15 @@ void CrashJournal::settle(std::uint32_t count) noexcept {
   if (JournalLayout* journal = current()) {
     journal->head.settled = std::max(journal->head.settled, count);
   }
+}
+
+core::String CrashJournal::uidOf(std::uint32_t count) noexcept {
+  const JournalLayout* journal = current();
+  if (journal == nullptr || count < 1 || count > JournalLayout::kMostEntries) {
+    return {};
+  }
+  const auto& uid = journal->head.uids[count - 1];
+  return std::string_view(uid.data(), uid.size());
 }
 
 bool CrashJournal::leaveToParent() noexcept {

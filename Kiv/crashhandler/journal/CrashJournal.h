@@ -41,6 +41,9 @@ class CrashJournal {
   /// The entries up to that one have been reported, or are not to be.
   static void settle(std::uint32_t count) noexcept;
 
+  /// The name that the report of an entry goes by; "" for none, and where there is no journal.
+  static core::String uidOf(std::uint32_t count) noexcept;
+
   /// In a forked child: makes a journal of its own, empty but for its head. False where this process has its own.
   static bool leaveToParent() noexcept;
 

@@ -17,11 +17,12 @@ enum class JournalPart : std::uint32_t {
   kScenes,     ///< scene numbers and values
   kEvents,     ///< session events
   kException,  ///< the exception that nobody caught
+  kSettings,   ///< what the program wants done with its crashes
 };
 
 /// Bytes that each part holds at the most; a list that is longer loses its end.
-inline constexpr std::array<std::size_t, 6> kJournalPartSizes = {64 << 10, 256 << 10, 64 << 10,
-                                                                 64 << 10, 128 << 10, 32 << 10};
+inline constexpr std::array<std::size_t, 7> kJournalPartSizes = {64 << 10,  256 << 10, 64 << 10, 64 << 10,
+                                                                 128 << 10, 32 << 10,  64 << 10};
 
 /// The signal of one entry into the handler, and the state that it met.
 struct CrashFacts {
@@ -57,6 +58,8 @@ struct JournalLayout {
     /// How often a later start has begun to report the crash in it.
     std::uint32_t attempts;
     std::uint32_t unused;  ///< 0
+    /// Names of the entries' reports, made ahead: by them a report that is stored already is known.
+    std::array<std::array<char, 36>, kMostEntries> uids;
   };
 
   /// Head of one of the two copies of a part: the whole one of the higher generation counts.
@@ -85,13 +88,13 @@ struct JournalLayout {
   };
 
   /// Up to here it tells whether there can be a crash in it.
-  static constexpr std::size_t kFrontSize = sizeof(Head) + kMostEntries * sizeof(Entry) + 6 * 2 * sizeof(Copy);
+  static constexpr std::size_t kFrontSize = sizeof(Head) + kMostEntries * sizeof(Entry) + 7 * 2 * sizeof(Copy);
 
   Head head;
   std::array<Entry, kMostEntries> entries;
   std::array<std::array<Copy, 2>, kJournalPartSizes.size()> copies;
   CrashSnapshot snapshot;
-  std::array<std::uint8_t, 2 * (64 + 256 + 64 + 64 + 128 + 32) * 1024> parts;  ///< both copies of each
+  std::array<std::uint8_t, 2 * (64 + 256 + 64 + 64 + 128 + 32 + 64) * 1024> parts;  ///< both copies of each
   Log log;
 };
 

@@ -6,11 +6,13 @@
 #include "Core/Memory/Checksum.h"
 
 JournalView::JournalView(std::span<const std::uint8_t> bytes) noexcept
-    : bytes_(core::Bytes::filled(sizeof(JournalLayout), [bytes](char* into) {
-        const std::size_t size = std::min(bytes.size(), sizeof(JournalLayout));
-        std::memcpy(into, bytes.data(), size);
-        std::memset(into + size, 0, sizeof(JournalLayout) - size);
-      })) {}
+    : bytes_(core::Bytes::filled(sizeof(JournalLayout),
+                                 [bytes](char* into) {
+                                   const std::size_t size = std::min(bytes.size(), sizeof(JournalLayout));
+                                   std::memcpy(into, bytes.data(), size);
+                                   std::memset(into + size, 0, sizeof(JournalLayout) - size);
+                                 })),
+      layout_(reinterpret_cast<const JournalLayout*>(bytes_.data())) {}
 
 bool JournalView::mayHoldCrash(std::span<const std::uint8_t> front) noexcept {
   if (front.size() < JournalLayout::kFrontSize) {

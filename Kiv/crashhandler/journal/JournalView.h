@@ -24,6 +24,8 @@ class JournalView {
 
   /// Of the file's bytes; missing ones count as 0.
   explicit JournalView(std::span<const std::uint8_t> bytes) noexcept;
+  /// Of one in memory, which must stay.
+  explicit JournalView(const JournalLayout& journal) noexcept : layout_(&journal) {}
 
   /// False where the first JournalLayout::kFrontSize bytes, or as many as there are, tell that no crash
   /// was noted in it.
@@ -50,8 +52,9 @@ class JournalView {
   std::string_view log() const noexcept;
 
  private:
-  const JournalLayout& layout() const noexcept { return *reinterpret_cast<const JournalLayout*>(bytes_.data()); }
+  const JournalLayout& layout() const noexcept { return *layout_; }
   std::span<const std::uint8_t> copyOf(JournalPart part, std::size_t copy) const noexcept;
 
   core::Data bytes_;
+  const JournalLayout* layout_;  // shared by copies
 };

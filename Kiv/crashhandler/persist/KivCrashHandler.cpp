@@ -1,27 +1,18 @@
 #include "Kiv/crashhandler/persist/KivCrashHandler.h"
 
-#include <nettle/md5.h>
+#include <utility>
 
-#include <array>
-
-#include "Core/Kernel/Process.h"
-#include "Core/Text/Format.h"
-#include "Core/Text/Uuid.h"
+#include "Core/Files/SpareDescriptor.h"
 #include "Kiv/blockmonitor/KivBlockMonitorManager.h"
 #include "Kiv/common/KivModelBase.h"
 #include "Kiv/common/utils/KivLog.h"
 #include "Kiv/compat/KivCustomizedException.h"
-#include "Kiv/crashhandler/bughandler/CrashLogFile.h"
-#include "Kiv/crashhandler/bughandler/CrashWatchdog.h"
 #include "Kiv/crashhandler/bughandler/ImageWatch.h"
 #include "Kiv/crashhandler/bughandler/JournalKeeper.h"
-#include "Kiv/crashhandler/bughandler/KivCrashData.h"
 #include "Kiv/crashhandler/bughandler/KivNSExpHandler.h"
 #include "Kiv/crashhandler/bughandler/KivSigHandler.h"
 #include "Kiv/crashhandler/bughandler/KivStackCollector.h"
-#include "Kiv/crashhandler/journal/CrashJournal.h"
 #include "Kiv/crashhandler/persist/KivFilePersistHandler.h"
-#include "Kiv/crashhandler/recovery/JournalRecovery.h"
 #include "Platform/Foundation/Bundle.h"
 #include "Platform/Foundation/NotificationCenter.h"
 #include "Platform/Foundation/UserDefaults.h"
@@ -37,20 +28,11 @@ constexpr std::string_view kDidCrashLastSession = "KivDidCrashLastSession";
 
 constexpr double kGuardInterval = 2.0;
 constexpr unsigned kGuardTicks = 10;
-constexpr std::int64_t kMillisecondsASecond = 1000;
 
 /// Lifecycle events after which the handlers are looked at: resigned active, will become active.
 bool isGuardedEvent(const core::Value& event) noexcept {
   const auto number = event.asInteger();
   return number == 1 || number == 2;
-}
-
-/// The stack of an exception tells more than that of the thread which ended on it.
-core::String fingerprintOf(const KivCrashData& data) noexcept {
-  if (data.ocThreadInfo()) {
-    return data.ocThreadInfo()->getCurrThreadUUID();
-  }
-  return data.crashThreadInfo() ? data.crashThreadInfo()->getCurrThreadUUID() : core::String("err");
 }
 
 /// What the crash path uses must be there: it may not make anything.
@@ -73,8 +55,11 @@ void KivCrashHandler::installHandler() noexcept {
   enabled_ = true;
   CrashHandling::setCurrent(*this);
   KivStackCollector::sharedInstance().prepare();
-  CrashLogFile::prepare(KivFilePersistHandler::sharedInstance().folderPath());
-  JournalKeeper::start(KivFilePersistHandler::sharedInstance().folderPath());
+  core::SpareDescriptor::prepare();
+  KivFilePersistHandler& store = KivFilePersistHandler::sharedInstance();
+  JournalKeeper::start(store.folderPath());
+  changeSettings([](CrashSettings&) {});
+  store.onLoad([] { sharedInstance().recoverCrashes(); });
   touchSingletons();
   KivSigHandler::sharedInstance().install();
   KivNSExpHandler::sharedInstance().install();
@@ -85,7 +70,7 @@ void KivCrashHandler::installHandler() noexcept {
   startGuard();
   platform::DispatchQueue::global().async([] { KivModelBase::getDefualtAnaModel().resolveAll(); });
   ImageWatch::start();
-  platform::DispatchQueue::global().async([this] { recoverCrashes(); });
+  platform::DispatchQueue::global().async([] { KivFilePersistHandler::sharedInstance().loadAllDatas(); });
 }
 
 void KivCrashHandler::startGuard() noexcept {
@@ -144,102 +129,40 @@ void KivCrashHandler::stopStallMonitor() noexcept {
   KivBlockMonitorManager::sharedManager().toggleBlockMonitor(false);
 }
 
-bool KivCrashHandler::crashHapped(KivCrashData* data) noexcept {
-  return saveCrashData(data != nullptr ? *data : KivCrashData::expData());
+template <class Change>
+void KivCrashHandler::changeSettings(Change&& change) noexcept {
+  settings_.update(change);
+  JournalKeeper::keepSettings([](JournalFieldWriter& writer) { writer.put(sharedInstance().settings_.get()); });
 }
 
-namespace {
-
-void callBack(int (*callback)()) noexcept {
-  kiv_log_always("<KIV> Call user crash handler callback: %p", reinterpret_cast<const void*>(callback));
-  if (callback != nullptr) {
-    const CrashWatchdog::Limit limit(CrashWatchdog::kCallbackTime);
-    callback();
-  }
+void KivCrashHandler::setExpMergeUpload(bool merge) noexcept {
+  mergeExp_ = merge;
+  userSetMerge_ = true;
+  changeSettings([this](CrashSettings& settings) { settings.mergesEqual = isExpMergeUpload(); });
 }
 
-/// What is stored, or is not to be, needs no journal any more.
-void settleJournal(const KivCrashData& data) noexcept {
-  if (&data == &KivCrashData::expData()) {
-    CrashJournal::settle(data.crashOnceMore() ? 2 : 1);
-  }
+void KivCrashHandler::setExpMergeStrategy(bool merge) noexcept {
+  serverMerge_ = merge;
+  changeSettings([this](CrashSettings& settings) { settings.mergesEqual = isExpMergeUpload(); });
 }
 
-}  // namespace
-
-bool KivCrashHandler::saveCrashData(KivCrashData& data) noexcept {
-  if (!data.type()) {
-    return false;
-  }
-  kiv_log_info("Save crash data.");
-  if (isFilteredOut(data.crashStackShortNames())) {
-    settleJournal(data);
-    return false;
-  }
-  if (!data.isCustomizedException()) {
-    callBack(userCrashHandlerCallback_);
-  }
-  const auto log = data.crashlog();
-  const bool saved = log && CrashLogFile::write(*log, data.time() / kMillisecondsASecond, core::processId());
-  if (saved) {
-    settleJournal(data);
-  }
-  kiv_log_info("Save crash data %@", saved ? "SUCCESS" : "FAIL");
-  return saved;
+void KivCrashHandler::setAttachLog(core::String log) noexcept {
+  changeSettings(
+      [&](CrashSettings& settings) { settings.attachLog = core::firstCharacters(log, CrashSettings::kMostAttachLog); });
 }
 
-// It is there already where a process, or a start that reported for it, died between saving and settling.
-void KivCrashHandler::recoverCrashes() noexcept {
-  JournalRecovery::run(KivFilePersistHandler::sharedInstance().folderPath(), [](const RecoveredCrash& crash) {
-    const std::int64_t seconds = crash.data().time() / kMillisecondsASecond;
-    const auto process = static_cast<int>(crash.identity().processId);
-    return sharedInstance().isFilteredOut(crash.data().crashStackShortNames()) ||
-           CrashLogFile::exists(seconds, process) ||
-           CrashLogFile::write(crash.data().crashlog().value_or(core::String()), seconds, process);
-  });
+void KivCrashHandler::setExcludeShortNames(Names names) noexcept {
+  changeSettings([&](CrashSettings& settings) { settings.excludeShortNames = std::move(names); });
 }
 
-bool KivCrashHandler::isFilteredOut(const Names& stackNames) const noexcept {
-  const Names included = includeShortNames_.get();
-  const Names excluded = excludeShortNames_.get();
-  const auto contains = [](const core::String& name, const core::String& part) {
-    return name.view().find(part.view()) != std::string_view::npos;
-  };
-  if (!included.empty() && !stackNames.empty()) {
-    bool isIncluded = false;
-    for (const core::String& part : included) {
-      for (const core::String& name : stackNames) {
-        if (contains(name, part)) {
-          kiv_log_info("crash stack contains include shortname %@, will log crash", name);
-          isIncluded = true;
-        }
-      }
-    }
-    if (!isIncluded) {
-      return true;
-    }
-  }
-  for (const core::String& part : excluded) {
-    for (const core::String& name : stackNames) {
-      if (contains(name, part)) {
-        kiv_log_warn("crash stack contains exclude shortname %@, will not log crash", name);
-        return true;
-      }
-    }
-  }
-  return false;
+void KivCrashHandler::setIncludeShortNames(Names names) noexcept {
+  changeSettings([&](CrashSettings& settings) { settings.includeShortNames = std::move(names); });
 }
 
-core::String KivCrashHandler::hashOf(const KivCrashData& data) noexcept {
-  const KivModelBase& model = KivModelBase::getDefualtAnaModel();
-  const core::String identity =
-      core::kiv_format("%@%@%@%@", model.appId(), model.appVersion(), data.type(), fingerprintOf(data));
-  md5_ctx context;
-  md5_init(&context);
-  md5_update(&context, identity.size(), reinterpret_cast<const std::uint8_t*>(identity.data()));
-  std::array<std::uint8_t, MD5_DIGEST_SIZE> digest;
-  md5_digest(&context, digest.size(), digest.data());
-  return core::lowerHex({digest.data(), digest.size()});
+void KivCrashHandler::registCrashListerner(KivCrashListener* listener) noexcept {
+  if (listener != nullptr) {
+    crashListeners_.update([listener](core::Array<KivCrashListener*>& listeners) { listeners.append(listener); });
+  }
 }
 
 core::Array<core::String> KivCrashHandler::backtrace(int unused, unsigned skip) noexcept {

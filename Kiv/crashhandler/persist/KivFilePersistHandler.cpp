@@ -55,6 +55,7 @@ void KivFilePersistHandler::loadAllDatas() noexcept {
   if (dataLoaded_) {
     return;
   }
+  loading_.call();  // which saves, and so may not hold the lock
   const core::Lock lock(mutex_);
   if (dataLoaded_) {
     return;
@@ -133,16 +134,24 @@ bool KivFilePersistHandler::write(KivExpObj& record, const KivCrashMetaData& ent
   if (StoreLock::isLeftToCrash() && core::fileExists(path)) {
     return true;
   }
-  if (CrashRecordFile::write(path, data) != 0) {
+  int error = CrashRecordFile::write(path, data);
+  if (error == ENOENT && core::createDirectories(folderPath()) == 0) {  // somebody has tidied up
+    error = CrashRecordFile::write(path, data);
+  }
+  if (error != 0) {
     kiv_log_error("%@ %@", failures.ofWriting, path);
     return true;
   }
+  written_.set(record.expUid.value_or(core::String()));
   crashMetas().put(keyOf(record), entry);
   persistAllCrashMetaDatas();
   return true;
 }
 
 int KivFilePersistHandler::synchronizeCrash(const KivExpObj& record) const noexcept {
+  if (written_.get() != record.expUid.value_or(core::String())) {
+    return ENOENT;
+  }
   const auto entry = allCrashMetas_.find(keyOf(record));
   const auto file = core::File::open(entry ? pathOf(*entry) : core::String(), O_RDONLY);
   return file ? file->sync() : file.error();

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <string_view>
 
+#include "Core/Memory/ChangeHook.h"
 #include "Kiv/common/model/KivExpObj.h"
 #include "Kiv/crashhandler/persist/CrashIndex.h"
 #include "Kiv/crashhandler/persist/StoredStrategy.h"
@@ -35,7 +36,9 @@ class KivFilePersistHandler {
   bool changeDbPath(std::string_view path) noexcept;
 
   /// Reads index and summaries, once; after a change of the version drops them instead.
+  /// Before that `recover` is called, which may save what crashed runs have left.
   void loadAllDatas() noexcept;
+  void onLoad(void (*recover)()) noexcept { loading_.set(recover); }
 
   // The strategy.
   void loadStrategys() noexcept { loadCommonStrategyFile(); }
@@ -48,7 +51,8 @@ class KivFilePersistHandler {
   bool saveOneCrash(KivExpObj& record) noexcept;
   bool updateOneCrash(KivExpObj* record) noexcept;
   bool updateOneCrash(KivExpObj* record, bool uplaoded) noexcept;
-  /// Waits until the disk has the record's file, so that it outlives the machine too. 0 or errno.
+  /// Waits until the disk has the record's file, so that it outlives the machine too. 0 or errno, ENOENT
+  /// when the writing of it failed.
   int synchronizeCrash(const KivExpObj& record) const noexcept;
   void persistAllCrashMetaDatas() noexcept;
 
@@ -107,5 +111,7 @@ class KivFilePersistHandler {
   CrashIndex allCrashMetas_;
   SummaryQueue allUserInfos_;  // under mutex_
   StoredStrategy commonStrategyData_;
+  core::Published<core::String> written_;  // the record that was written last
+  core::ChangeHook<> loading_;
   std::atomic<bool> dataLoaded_{false};
 };

@@ -82,7 +82,11 @@ void KivFilePersistHandler::dropOlderVersion() noexcept {
       }
     });
   }
-  allCrashMetas_.setFileObsolete();
+  if (core::fileExists(core::joinPath(folderPath(), CrashIndexFile::kName))) {
+    allCrashMetas_.setFileObsolete();
+  } else {
+    allCrashMetas_.fileWasRemoved();  // one that comes by now is of this version
+  }
   clean(Cleaning::kOlderVersion);
 }
 

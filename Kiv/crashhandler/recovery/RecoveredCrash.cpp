@@ -8,18 +8,10 @@
 #include "Kiv/crashhandler/bughandler/KivRegisterDataCollector.h"
 #include "Kiv/crashhandler/bughandler/StackFrames.h"
 #include "Kiv/crashhandler/bughandler/ThreadCapture.h"
-#include "Kiv/crashhandler/journal/JournalFields.h"
 
 namespace {
 
 constexpr std::string_view kHandler = "Signal Handler (recovered)";
-
-template <class T>
-T read(const JournalView& journal, JournalPart part) noexcept {
-  T value{};
-  JournalFieldReader(journal.bytesOf(part)).take(value);
-  return value;
-}
 
 bool hasException(const JournalView& journal) noexcept {
   return journal.state(JournalPart::kException) == JournalView::Part::kWhole;
@@ -33,17 +25,18 @@ bool RecoveredCrash::isIn(const JournalView& journal) noexcept {
 }
 
 RecoveredCrash::RecoveredCrash(const JournalView& journal, DeadAddresses::Files files) noexcept
-    : identity_(read<ReporterIdentity>(journal, JournalPart::kIdentity)),
-      images_(read<KivBinaryImageCollector::Images>(journal, JournalPart::kImages)) {
+    : journal_(journal),
+      identity_(read<ReporterIdentity>(JournalPart::kIdentity)),
+      images_(read<KivBinaryImageCollector::Images>(JournalPart::kImages)) {
   if (identity_.processId == 0) {
     identity_.processId = journal.head().processId;
   }
-  data_.setUserMaps(read<CrashUserData::Map>(journal, JournalPart::kUserData));
-  data_.setSceneData(read<CrashUserData::Map>(journal, JournalPart::kScenes));
-  for (const core::String& event : read<CrashUserData::Texts>(journal, JournalPart::kEvents)) {
+  data_.setUserMaps(read<CrashUserData::Map>(JournalPart::kUserData));
+  data_.setSceneData(read<CrashUserData::Map>(JournalPart::kScenes));
+  for (const core::String& event : read<CrashUserData::Texts>(JournalPart::kEvents)) {
     data_.appendSessionEvent(event);
   }
-  const auto thrown = read<ThrownException>(journal, JournalPart::kException);
+  const auto thrown = read<ThrownException>(JournalPart::kException);
   if (hasException(journal)) {
     data_.setTime(thrown.time);
     data_.setType(thrown.name);
@@ -58,18 +51,18 @@ RecoveredCrash::RecoveredCrash(const JournalView& journal, DeadAddresses::Files 
     describeException(data_, {thrown.addresses.data(), thrown.addresses.size()}, source);
   }
   if (!journal.entries().empty()) {
-    addThreads(journal, source);
+    addThreads(source);
   }
   describeModules(data_);
   KivBinaryImageCollector::collectBinaryInfos(data_, images_, identity_.processName);
-  addLog(journal);
+  addLog();
 }
 
 // Where the threads were not read to the end, the crashed one's stack stands with its entry; so does the
 // newer one of two.
-void RecoveredCrash::addThreads(const JournalView& journal, DeadAddresses& source) noexcept {
-  const JournalLayout::Entry& last = journal.entries().back();
-  describeThreads(data_, journal.snapshot(), last.facts.crashThread, source);
+void RecoveredCrash::addThreads(DeadAddresses& source) noexcept {
+  const JournalLayout::Entry& last = journal_.entries().back();
+  describeThreads(data_, journal_.snapshot(), last.facts.crashThread, source);
   if (!data_.crashThreadInfo()) {
     KivThreadInfo crashed;
     crashed.threadIndex = static_cast<std::uint32_t>(data_.allThreadInfos().size());
@@ -78,7 +71,7 @@ void RecoveredCrash::addThreads(const JournalView& journal, DeadAddresses& sourc
     setCrashedThread(data_, data_.allThreadInfos().back());
   }
   const auto stack = JournalView::stackOf(last);
-  if (journal.entries().size() > 1 || data_.crashThreadInfo()->threadStacks.empty()) {
+  if (journal_.entries().size() > 1 || data_.crashThreadInfo()->threadStacks.empty()) {
     for (KivThreadInfo& thread : data_.allThreadInfos()) {
       if (thread.isCrashThread) {
         thread.threadStacks = framesOf(source, stack);
@@ -91,8 +84,8 @@ void RecoveredCrash::addThreads(const JournalView& journal, DeadAddresses& sourc
 }
 
 // The text that the process itself made has names that its files may not tell any more.
-void RecoveredCrash::addLog(const JournalView& journal) noexcept {
-  const std::string_view made = journal.log();
+void RecoveredCrash::addLog() noexcept {
+  const std::string_view made = journal_.log();
   const std::size_t lineEnd = made.find('\n');
   if (lineEnd == std::string_view::npos) {
     data_.setCrashlog(crashLogOf(data_, identity_, images_, data_.time()));
@@ -102,4 +95,10 @@ void RecoveredCrash::addLog(const JournalView& journal) noexcept {
   core::kiv_append(log, "Handler: %@", kHandler);
   log.append(made.substr(lineEnd));
   data_.setCrashlog(log.str());
+}
+
+core::String RecoveredCrash::uid() const noexcept {
+  const std::size_t last = journal_.entries().empty() ? 0 : journal_.entries().size() - 1;
+  const auto& uid = journal_.head().uids[last];
+  return std::string_view(uid.data(), uid.size());
 }

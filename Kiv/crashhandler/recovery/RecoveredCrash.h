@@ -2,6 +2,7 @@
 
 #include "Kiv/crashhandler/bughandler/KivCrashData.h"
 #include "Kiv/crashhandler/bughandler/ReporterIdentity.h"
+#include "Kiv/crashhandler/journal/JournalFields.h"
 #include "Kiv/crashhandler/journal/JournalView.h"
 #include "Kiv/crashhandler/recovery/DeadAddresses.h"
 
@@ -16,14 +17,25 @@ class RecoveredCrash {
   explicit RecoveredCrash(const JournalView& journal,
                           DeadAddresses::Files files = DeadAddresses::Files::kRead) noexcept;
 
+  /// A part that the floor above wrote; as it is made where the part is missing.
+  template <class T>
+  T read(JournalPart part) const noexcept {
+    T value{};
+    JournalFieldReader(journal_.bytesOf(part)).take(value);
+    return value;
+  }
+  /// The name that the report was to go by.
+  core::String uid() const noexcept;
+
   const KivCrashData& data() const noexcept { return data_; }  ///< with the text
   const ReporterIdentity& identity() const noexcept { return identity_; }
   const KivBinaryImageCollector::Images& images() const noexcept { return images_; }
 
  private:
-  void addThreads(const JournalView& journal, DeadAddresses& source) noexcept;
-  void addLog(const JournalView& journal) noexcept;
+  void addThreads(DeadAddresses& source) noexcept;
+  void addLog() noexcept;
 
+  const JournalView journal_;
   ReporterIdentity identity_;
   KivBinaryImageCollector::Images images_;
   KivCrashData data_;
