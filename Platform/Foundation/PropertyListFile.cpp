@@ -22,7 +22,7 @@ core::Result<core::Value> readStored(std::span<const std::uint8_t> bytes) noexce
 
 }  // namespace
 
-StoredPropertyList readStoredPropertyList(const core::String& path) noexcept {
+StoredPropertyList readStoredPropertyList(const core::String& path, const core::String& aside) noexcept {
   const auto bytes = core::readFile(path, kLimit);
   if (!bytes && bytes.error() == ENOENT) {
     return {};
@@ -33,7 +33,7 @@ StoredPropertyList readStoredPropertyList(const core::String& path) noexcept {
   if (bytes) {
     const auto value = readStored(bytes->span());
     if (const core::ValueDictionary* content = value ? value->dictionary() : nullptr) {
-      return {*content};
+      return {*content, true, true};
     }
     problem = value ? core::String("it holds no dictionary")
                     : core::kiv_format("%s at byte %lu", value.error().reason, value.error().offset);
@@ -41,12 +41,12 @@ StoredPropertyList readStoredPropertyList(const core::String& path) noexcept {
     problem = strerrordesc_np(bytes.error());
     unusable = bytes.error() == EFBIG || bytes.error() == EISDIR || bytes.error() == EINVAL;
   }
-  const core::String aside = core::kiv_format("%@.broken-%lld", path, core::wallClockNanoseconds() / 1'000'000'000);
-  if (!unusable || core::renameFile(path, aside) != 0) {
+  const core::String broken = core::kiv_format("%@.broken-%lld", aside, core::wallClockNanoseconds() / 1'000'000'000);
+  if (!unusable || core::renameFile(path, broken) != 0) {
     NSLog("<KIV> cannot use %@ (%@); it is left alone and changes are not stored", path, problem);
-    return {{}, false};
+    return {{}, false, true};
   }
-  NSLog("<KIV> cannot use %@ (%@); it was moved to %@", path, problem, aside);
+  NSLog("<KIV> cannot use %@ (%@); it was moved to %@", path, problem, broken);
   return {};
 }
 

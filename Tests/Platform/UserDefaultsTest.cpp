@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <list>
-#include <mutex>
 #include <thread>
 
 #include "Core/Files/RecordLock.h"
@@ -15,6 +14,7 @@
 #include "Core/PropertyList/BinaryPropertyList.h"
 #include "Core/Text/Format.h"
 #include "Tests/Support/Child.h"
+#include "Tests/Support/HeldQueue.h"
 #include "Tests/Support/LogCapture.h"
 #include "Tests/Support/TemporaryDirectory.h"
 
@@ -24,27 +24,6 @@ namespace fs = std::filesystem;
 using core::Value;
 using core::ValueDictionary;
 using platform::UserDefaults;
-
-/// Keeps background work until it is asked for.
-class HeldQueue final : public platform::DispatchQueue {
- public:
-  std::size_t run() {
-    const std::list<Block> blocks = std::exchange(blocks_, {});
-    for (const Block& block : blocks) {
-      block();
-    }
-    return blocks.size();
-  }
-
- private:
-  void send(Block block) override {
-    const std::lock_guard lock(mutex_);
-    blocks_.push_back(std::move(block));
-  }
-  void sendAfter(double, Block) override {}
-  std::mutex mutex_;
-  std::list<Block> blocks_;
-};
 
 class UserDefaultsTest : public testing::Test {
  protected:
@@ -56,7 +35,7 @@ class UserDefaultsTest : public testing::Test {
     return value && value->dictionary() != nullptr ? *value->dictionary() : ValueDictionary();
   }
 
-  HeldQueue queue_;
+  test::HeldQueue queue_;
   test::TemporaryDirectory directory_;
   std::string path_ = directory_.file("folder/org.example.plist");
 };

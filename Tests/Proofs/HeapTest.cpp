@@ -21,6 +21,8 @@
 #include "Kiv/crashhandler/bughandler/KivRegisterDataCollector.h"
 #include "Kiv/crashhandler/bughandler/KivStackCollector.h"
 #include "Kiv/crashhandler/journal/CrashJournal.h"
+#include "Kiv/crashhandler/persist/CrashRecordFile.h"
+#include "Kiv/crashhandler/persist/KivFilePersistHandler.h"
 #include "Tests/Support/Child.h"
 #include "Tests/Support/HeapCount.h"
 #include "Tests/Support/TemporaryDirectory.h"
@@ -64,6 +66,20 @@ bool recordAll() {
   KivExpObj stored;
   return stored.setEncodeData(record.encodeData().span()) && stored.hash() == "0123" &&
          stored.attachmentList.size() == 1 && !stored.setEncodeData({});
+}
+
+/// What a crash asks of a store that was not loaded yet and holds an equal crash and a broken one.
+bool storeAll(const core::String& folder) {
+  KivFilePersistHandler store(folder);
+  std::optional<KivExpObj> equal = store.getCrashWithMd5("equal");
+  KivExpObj record;
+  record.setHash(core::String("new"));
+  const bool saved = store.saveOneCrash(record) && equal && store.updateOneCrash(&*equal) &&
+                     store.updateOneCrash(&record, false) && store.synchronizeCrash(record) == 0;
+  store.persistAllCrashMetaDatas();
+  store.persistAllUserInfoDatas();
+  return saved && !store.getCrashWithMd5("broken") && store.getAllCrashed(9).size() == 2 &&
+         !store.updateOneCrash(nullptr);
 }
 
 /// What a crash asks of the collectors.
@@ -114,6 +130,24 @@ TEST(Heap, IsLeftAloneByTheCollectorsOnTheOwnerOfACrash) {
     getcontext(&context);
     return collectAll(context);
   });
+}
+
+TEST(Heap, IsLeftAloneByTheStoreOnTheOwnerOfACrash) {
+  const test::TemporaryDirectory directory;
+  ::setenv("XDG_DATA_HOME", directory.path().c_str(), 1);
+  const core::String folder = directory.path();
+  std::int64_t second = 0;
+  for (const char* hash : {"equal", "broken"}) {
+    KivExpObj record;
+    record.setHash(core::String(hash));
+    record.cashTime = ++second * 1000;
+    KivFilePersistHandler(folder).saveOneCrash(record);
+    if (second == 2) {
+      test::writeFile(directory.file(CrashRecordFile::nameOf(record)), "broken");
+    }
+  }
+  platform::DispatchQueue::global();
+  expectNoHeapCalls([&folder] { return storeAll(folder); });
 }
 
 TEST(Heap, IsLeftAloneByRecordsOnTheOwnerOfACrash) {

@@ -8,7 +8,7 @@
 
 /// One crash or stall: what is stored, merged with equal ones, and uploaded. A plain value;
 /// times are milliseconds since 1970.
-class KivExpObj : public KivArchivedObject<KivExpObj> {
+class KivExpObj final : public KivArchivedObject<KivExpObj> {
  public:
   using Text = std::optional<core::String>;
   using Texts = core::Dictionary<core::String>;

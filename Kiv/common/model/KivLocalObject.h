@@ -10,7 +10,8 @@
 /// Base of the models that are kept on disk as keyed archives: crashes and stalls, session
 /// summaries, the strategy. A model derives from KivArchivedObject and lists its properties.
 ///
-/// Plain data of one thread; encoding and decoding are fit for the crash path.
+/// Plain data of one thread, never deleted as a KivLocalObject; encoding and decoding are fit for the
+/// crash path.
 class KivLocalObject {
  public:
   static constexpr std::string_view kClassName = "KivLocalObject";
@@ -19,8 +20,6 @@ class KivLocalObject {
   std::int32_t dcount = 0;  ///< occurrences that were not uploaded yet
   std::optional<core::String> md5;
   std::int64_t encLen = 0;  ///< bytes of the archive last written or read
-
-  virtual ~KivLocalObject() = default;
 
   /// The object's archive; encLen becomes its length.
   core::Data encodeData() noexcept;
@@ -42,6 +41,7 @@ class KivLocalObject {
   KivLocalObject(KivLocalObject&&) noexcept = default;
   KivLocalObject& operator=(const KivLocalObject&) noexcept = default;
   KivLocalObject& operator=(KivLocalObject&&) noexcept = default;
+  ~KivLocalObject() = default;
 
  private:
   virtual std::string_view className() const noexcept = 0;

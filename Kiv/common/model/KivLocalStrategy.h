@@ -7,7 +7,7 @@
 /// What the collection server decided for this program: what is reported, where to, with which
 /// cipher keys, and further switches ("B1": the stall monitor). Starts with built-in defaults, is
 /// brought by responses of command 510 and kept by the store. A plain value.
-class KivLocalStrategy : public KivArchivedObject<KivLocalStrategy>, public KivLocalObjInitWithZemProtocol {
+class KivLocalStrategy final : public KivArchivedObject<KivLocalStrategy>, public KivLocalObjInitWithZemProtocol {
  public:
   using Text = std::optional<core::String>;
   static constexpr std::string_view kClassName = "KivLocalStrategy";

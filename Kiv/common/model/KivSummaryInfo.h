@@ -5,7 +5,7 @@
 
 /// One start of the program, cold (1) or hot (2), queued until the summary reporter sends it. A
 /// plain value; startTime is in milliseconds since 1970.
-class KivSummaryInfo : public KivArchivedObject<KivSummaryInfo> {
+class KivSummaryInfo final : public KivArchivedObject<KivSummaryInfo> {
  public:
   using Text = std::optional<core::String>;
   static constexpr std::string_view kClassName = "KivSummaryInfo";
