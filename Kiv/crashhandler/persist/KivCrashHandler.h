@@ -8,6 +8,7 @@
 #include "Core/Memory/Published.h"
 #include "Core/Memory/String.h"
 #include "Kiv/crashhandler/bughandler/CrashHandling.h"
+#include "Kiv/crashhandler/persist/KivCrashListener.h"
 #include "Platform/RunLoop/Timer.h"
 
 /// Owns crash handling as a whole: installs and removes both catchers together, keeps them
@@ -54,6 +55,14 @@ class KivCrashHandler final : public CrashHandling {
     mergeExp_ = merge;
     userSetMerge_ = true;
   }
+  void setExpMergeStrategy(bool merge) noexcept { serverMerge_ = merge; }
+  bool isExpMergeUpload() const noexcept { return userSetMerge_ ? mergeExp_ : serverMerge_; }
+  /// Told of each crash from now on; nullptr is let pass.
+  void registCrashListerner(KivCrashListener* listener) noexcept {
+    if (listener != nullptr) {
+      crashListeners_.update([listener](core::Array<KivCrashListener*>& listeners) { listeners.append(listener); });
+    }
+  }
   void setAttachLog(core::String log) noexcept { attachLog_.set(std::move(log)); }
   void setExcludeShortNames(Names names) noexcept { excludeShortNames_.set(std::move(names)); }
   void setIncludeShortNames(Names names) noexcept { includeShortNames_.set(std::move(names)); }
@@ -76,7 +85,9 @@ class KivCrashHandler final : public CrashHandling {
   std::atomic<bool> useMachHandler_{false};
   std::atomic<bool> mergeExp_{false};
   std::atomic<bool> userSetMerge_{false};
+  std::atomic<bool> serverMerge_{false};
   std::atomic<int (*)()> userCrashHandlerCallback_{nullptr};
+  core::Published<core::Array<KivCrashListener*>> crashListeners_;
   core::Published<std::optional<core::String>> attachLog_;
   core::Published<Names> excludeShortNames_;
   core::Published<Names> includeShortNames_;
