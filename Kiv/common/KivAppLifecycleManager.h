@@ -1,6 +1,9 @@
 #pragma once
 
-/// Measures launches and active periods. Records nothing yet.
+#include "Kiv/common/KivInfo.h"
+
+/// Measures launches and active periods. So far it only has the events of the application's life
+/// told; it records nothing yet.
 class KivAppLifecycleManager {
  public:
   static KivAppLifecycleManager& sharedManager() noexcept {
@@ -8,7 +11,7 @@ class KivAppLifecycleManager {
     return manager;
   }
 
-  void start() noexcept {}
+  void start() noexcept { KivInfo::sharedInfo().start(); }
 
  private:
   KivAppLifecycleManager() noexcept = default;

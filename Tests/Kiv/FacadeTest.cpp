@@ -10,20 +10,13 @@ using test::ProbeBundle;
 const std::string kInfo =
     "<key>CFBundleShortVersionString</key><string>1.0</string><key>CFBundleVersion</key><string>77</string>";
 
-/// Written by another thread, or not before the program ends.
-bool isFromBackground(const std::string& text) {
-  return text.find(" got vorin ") != text.npos || text.find(" have no stack of their own ") != text.npos ||
-         text.find(" clean old version ") != text.npos ||
-         text.starts_with("<INFO> <KIV> Save crash data");
-}
-
 /// Log texts without the lines of an installation that every case would repeat.
 Texts ownTexts(const test::Outcome& outcome) {
   Texts texts;
-  for (const std::string& text : ProbeBundle::logTexts(outcome)) {
+  for (const std::string& text : ProbeBundle::logTextsOfMainThread(outcome)) {
     if (!text.starts_with("<KIV> Init sdk[") && !text.starts_with("NSGetUncaughtExceptionHandler: ") &&
         !text.starts_with("<KIV> Install exception handler ") && text.find(" orv ci uuid: ") == std::string::npos &&
-        text.find(" local version ") == std::string::npos && !isFromBackground(text)) {
+        text.find(" local version ") == std::string::npos) {
       texts.push_back(text);
     }
   }
@@ -84,8 +77,7 @@ TEST(Facade, LogsTheWholeInstallation) {
                            "<key>com.velmora.orv.uuid</key><string>BUILD-1</string>");
   const test::Outcome outcome = bundle.run({"install", "show=channel", "show=appVersion", "show=bundleId"});
   EXPECT_EQ(outcome.output, "YES\nstore\n3.1\ncom.example.probe\n");
-  Texts texts = ProbeBundle::logTexts(outcome);
-  std::erase_if(texts, isFromBackground);
+  const Texts texts = ProbeBundle::logTextsOfMainThread(outcome);
   ASSERT_EQ(texts.size(), 8U) << outcome.errors;
   EXPECT_EQ(texts[0], "<INFO> <KIV> enable Debug Log");
   EXPECT_EQ(texts[1], "<INFO> <KIV> set Channel to store from Info.plist");

@@ -23,6 +23,7 @@
 #include "Platform/RunLoop/DispatchQueue.h"
 #include "Platform/RunLoop/RunLoop.h"
 #include "Tests/Kiv/CrashScenes.h"
+#include "Tests/Kiv/ModuleOperations.h"
 
 namespace {
 
@@ -99,7 +100,7 @@ void hammerSetters() {
   }
 }
 
-const std::map<std::string, std::function<void(Argument)>> kOperations = {
+const test::Operations kOperations = {
     {"log", [](Argument a) { reporter().enableLog(a == "1"); }},
     {"install", [](Argument) { print(reporter().install() ? "YES" : "NO"); }},
     {"appkey", [](Argument a) { print(reporter().installWithAppkey(a) ? "YES" : "NO"); }},
@@ -141,7 +142,20 @@ const std::map<std::string, std::function<void(Argument)>> kOperations = {
     {"test-exception", [](Argument) { reporter().testThrowNSException(); }},
     {"overflow-thread", [](Argument) { test::overflowOnceGivenAStack(); }},
     {"crash", [](Argument a) { test::crash(a); }},
+    {"user", [](Argument a) { reporter().setUserId(a); }},
+    {"device", [](Argument a) { reporter().setDeviceId(a); }},
+    {"detect", [](Argument a) { reporter().enableUnexpectedTerminatingDetection(a == "1"); }},
 };
+
+/// nullptr where no table has it.
+const std::function<void(Argument)>* operationOf(Argument name) {
+  for (const test::Operations* table : {&kOperations, &test::moduleOperations()}) {
+    if (const auto found = table->find(name); found != table->end()) {
+      return &found->second;
+    }
+  }
+  return nullptr;
+}
 
 }  // namespace
 
@@ -150,12 +164,12 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
     const std::size_t split = word.find('=');
-    const auto operation = kOperations.find(word.substr(0, split));
-    if (operation == kOperations.end()) {
+    const auto* const operation = operationOf(word.substr(0, split));
+    if (operation == nullptr) {
       std::cerr << "no operation " << word << "\n";
       return 2;
     }
-    operation->second(split == std::string::npos ? "" : word.substr(split + 1));
+    (*operation)(split == std::string::npos ? "" : word.substr(split + 1));
   }
   return 0;
 }

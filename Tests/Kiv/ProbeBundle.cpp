@@ -35,19 +35,37 @@ std::string ProbeBundle::dataPath(const std::string& name) const {
   return directory_.file("home/.local/share/com.velmora.kiv/" + std::string(kIdentifier) + "/" + name);
 }
 
-std::vector<std::string> ProbeBundle::logTexts(const Outcome& outcome) {
-  static const std::regex kStamp(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} probe\[\d+:\d+\] )");
+namespace {
+
+/// The texts of the lines that `wanted(process, thread)` wants.
+template <class Wanted>
+std::vector<std::string> textsOf(const Outcome& outcome, Wanted&& wanted) {
+  static const std::regex kStamp(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} probe\[(\d+):(\d+)\] )");
   std::vector<std::string> texts;
+  bool taking = false;
   std::istringstream lines(outcome.errors);
   for (std::string line; std::getline(lines, line);) {
     std::smatch stamp;
     if (std::regex_search(line, stamp, kStamp)) {
-      texts.push_back(stamp.suffix());
-    } else if (!texts.empty()) {
+      taking = wanted(stamp.str(1), stamp.str(2));
+      if (taking) {
+        texts.push_back(stamp.suffix());
+      }
+    } else if (taking) {
       texts.back() += "\n" + line;
     }
   }
   return texts;
+}
+
+}  // namespace
+
+std::vector<std::string> ProbeBundle::logTexts(const Outcome& outcome) {
+  return textsOf(outcome, [](const auto&, const auto&) { return true; });
+}
+
+std::vector<std::string> ProbeBundle::logTextsOfMainThread(const Outcome& outcome) {
+  return textsOf(outcome, [](const auto& process, const auto& thread) { return process == thread; });
 }
 
 }  // namespace test

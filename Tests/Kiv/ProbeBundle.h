@@ -29,6 +29,8 @@ class ProbeBundle {
 
   /// The texts of the log lines that `outcome` wrote, without time and process.
   static std::vector<std::string> logTexts(const Outcome& outcome);
+  /// Those that the program's first thread wrote, in the order of its doings.
+  static std::vector<std::string> logTextsOfMainThread(const Outcome& outcome);
 
  private:
   TemporaryDirectory directory_;

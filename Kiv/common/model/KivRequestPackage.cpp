@@ -2,14 +2,12 @@
 
 #include <atomic>
 
+#include "Kiv/common/KivInfo.h"
 #include "Kiv/common/model/ZemModels.h"
 
 namespace {
 
 std::atomic<std::int64_t (*)() noexcept> strategyTimeSource{nullptr};
-
-/// The access point's name, which nothing on the desktop tells.
-constexpr const char* kUnknownAccessPoint = "unknown";
 
 }  // namespace
 
@@ -32,7 +30,7 @@ KivRequestPackage KivRequestPackage::initWithData(const KivModelBase& data, std:
     made.strategylastUpdateTime = source();
   }
   made.deviceId = data.openudid();
-  made.apn = kUnknownAccessPoint;
+  made.apn = KivInfo::sharedInfo().networkAPN();
   made.vorin = data.vorin();
   made.idfv = data.idfv();
   return made;

@@ -5,6 +5,7 @@
 #include "Core/Files/SpareDescriptor.h"
 #include "Kiv/blockmonitor/KivBlockMonitorManager.h"
 #include "Kiv/common/KivModelBase.h"
+#include "Kiv/common/KivSharedNames.h"
 #include "Kiv/common/utils/KivLog.h"
 #include "Kiv/compat/KivCustomizedException.h"
 #include "Kiv/crashhandler/bughandler/ImageWatch.h"
@@ -21,10 +22,6 @@
 #include "Platform/Security/Keychain.h"
 
 namespace {
-
-constexpr std::string_view kLifecycleChanged = "KivApplicationLifecycleChangedNotification";
-constexpr std::string_view kDidCrash = "com.velmora.kiv.appDidCrashedKey";
-constexpr std::string_view kDidCrashLastSession = "KivDidCrashLastSession";
 
 constexpr double kGuardInterval = 2.0;
 constexpr unsigned kGuardTicks = 10;
@@ -70,12 +67,11 @@ void KivCrashHandler::installHandler() noexcept {
   startGuard();
   platform::DispatchQueue::global().async([] { KivModelBase::getDefualtAnaModel().resolveAll(); });
   ImageWatch::start();
-  platform::DispatchQueue::global().async([] { KivFilePersistHandler::sharedInstance().loadAllDatas(); });
 }
 
 void KivCrashHandler::startGuard() noexcept {
   static const auto observer = platform::NotificationCenter::defaultCenter().addObserver(
-      kLifecycleChanged, [this](const platform::Notification& notification) {
+      KivApplicationLifecycleChangedNotification, [this](const platform::Notification& notification) {
         if (isGuardedEvent(notification.object)) {
           protectHandler(nullptr);
         }
@@ -118,9 +114,9 @@ void KivCrashHandler::protectHandler(const platform::Timer* timer) noexcept {
 void KivCrashHandler::setCrashAccidentHappen(bool happened) noexcept {
   crashAccidentHappen_ = happened;
   if (happened) {
-    platform::NotificationCenter::defaultCenter().post(kDidCrash);
+    platform::NotificationCenter::defaultCenter().post(KivAppDidCrashedNotification);
     platform::UserDefaults& defaults = platform::UserDefaults::standard();
-    defaults.setObject(kDidCrashLastSession, core::Value(true));
+    defaults.setObject(KivDidCrashLastSession, core::Value(true));
     defaults.synchronize();
   }
 }
@@ -160,9 +156,11 @@ void KivCrashHandler::setIncludeShortNames(Names names) noexcept {
 }
 
 void KivCrashHandler::registCrashListerner(KivCrashListener* listener) noexcept {
-  if (listener != nullptr) {
-    crashListeners_.update([listener](core::Array<KivCrashListener*>& listeners) { listeners.append(listener); });
-  }
+  crashListeners_.update([listener](core::Array<KivCrashListener*>& listeners) {
+    if (listener != nullptr && !listeners.contains(listener)) {
+      listeners.append(listener);
+    }
+  });
 }
 
 core::Array<core::String> KivCrashHandler::backtrace(int unused, unsigned skip) noexcept {

@@ -63,7 +63,7 @@ class KivCrashHandler final : public CrashHandling {
   void persistLastCrashTime(std::int64_t milliseconds) noexcept;
   std::int64_t getLastCrashTime() noexcept;
 
-  /// Told in the order of registration, for good.
+  /// Told in the order of registration, for good; once, however often it is registered.
   void registCrashListerner(KivCrashListener* listener) noexcept;
 
   /// As KivCustomizedException::backtrace.

@@ -4,6 +4,7 @@
 #include "Core/Kernel/Process.h"
 #include "Kiv/common/KivModelBase.h"
 #include "Kiv/common/KivPersistedKeys.h"
+#include "Kiv/common/KivSharedNames.h"
 #include "Kiv/common/utils/KivLog.h"
 #include "Kiv/crashhandler/bughandler/CrashWatchdog.h"
 #include "Kiv/crashhandler/bughandler/KivCrashData.h"
@@ -16,7 +17,6 @@
 
 namespace {
 
-constexpr std::string_view kDidCrashLastSession = "KivDidCrashLastSession";
 constexpr std::string_view kLastReported = "last_crash_reported";
 constexpr std::string_view kLastTime = "last_crash_time";
 
@@ -114,7 +114,7 @@ bool KivCrashHandler::saveRecovered(const RecoveredCrash& crash) noexcept {
   const KivCrashData& data = crash.data();
   noteLastCrash(data.time());
   platform::UserDefaults& defaults = platform::UserDefaults::standard();
-  defaults.setObject(kDidCrashLastSession, core::Value(true));
+  defaults.setObject(KivDidCrashLastSession, core::Value(true));
   defaults.synchronize();
   const auto settings = crash.read<CrashSettings>(JournalPart::kSettings);
   if (settings.reject(data.crashStackShortNames())) {
