@@ -54,6 +54,9 @@ class KivModelBase {
   /// Makes now what is otherwise made when it is first asked for: identifiers, facts of machine and
   /// process. For a background thread at installation, so that a crash finds all of it there.
   void resolveAll() const noexcept;
+  /// The identifiers as far as they are made: whoever cannot wait for the keychain asks for these.
+  Text knownVorin() const noexcept { return vorin_.get(); }
+  Text knownOpenudid() const noexcept { return openudid_.get(); }
 
   /// "[key,value] " of each other reporting component of the process, "" for none.
   core::String componentInfos() const noexcept;

@@ -19,7 +19,7 @@ using UserDataKind = CrashUserData::Kind;
 std::atomic<void (*)(JournalFieldWriter&)> settingsWriter{nullptr};
 
 void writeIdentity(JournalFieldWriter& writer) noexcept {
-  writer.put(ReporterIdentity::current());
+  writer.put(ReporterIdentity::current(false));  // the rest comes when the model has made it
 }
 
 void writeImages(JournalFieldWriter& writer) noexcept {

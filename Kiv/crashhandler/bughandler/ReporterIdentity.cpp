@@ -5,7 +5,7 @@
 #include "Kiv/crashhandler/bughandler/KivStackCollector.h"
 #include "Platform/Foundation/Bundle.h"
 
-ReporterIdentity ReporterIdentity::current() noexcept {
+ReporterIdentity ReporterIdentity::current(bool whole) noexcept {
   const KivModelBase& model = KivModelBase::getDefualtAnaModel();
   ReporterIdentity identity;
   identity.appId = model.appId();
@@ -15,7 +15,7 @@ ReporterIdentity ReporterIdentity::current() noexcept {
   identity.pIdentity = model.pIdentity();
   identity.sdkVersion = model.sdkVersion();
   identity.userid = model.userid();
-  identity.openudid = model.openudid();
+  identity.openudid = whole ? model.openudid() : model.knownOpenudid();
   identity.hardwareModel = model.hardwareModel();
   identity.osVer = model.osVer();
   identity.processName = model.processName();
@@ -29,7 +29,7 @@ ReporterIdentity ReporterIdentity::current() noexcept {
   identity.serverTimeDelta = model.serverTimeDelta();
   identity.sessionId = model.sessionId();
   identity.gatewayIP = model.gatewayIP();
-  identity.vorin = model.vorin();
+  identity.vorin = whole ? model.vorin() : model.knownVorin();
   identity.country = model.country();
   identity.idfv = model.idfv();
   identity.cpuArch = model.cpuArch();

@@ -31,8 +31,9 @@ struct ReporterIdentity {
   bool isAppStore = false;
   bool namesOwnFunctions = false;  ///< KivStackCollector::needSymbol
 
-  /// As it stands; fit for the crash path.
-  static ReporterIdentity current() noexcept;
+  /// As it stands; fit for the crash path. What is not made yet is made, but for identifiers that take
+  /// the keychain, unless `whole`.
+  static ReporterIdentity current(bool whole = true) noexcept;
 
   template <class Self, class Each>
   static void fields(Self& self, Each&& each) noexcept {
