@@ -49,11 +49,10 @@ OvalynOptions OvalynOptions::parse(int argc, char** argv) {
     std::exit(app.exit(error) == 0 ? 0 : kUsageError);
   }
   if (!kind.empty()) {
-    const std::map<std::string, Simulation> kinds = {
-        {"signal", Simulation::kSignal},
-        {"abort", Simulation::kAbort},
-        {"exception", Simulation::kException},
-        {"hang", Simulation::kHang}};
+    const std::map<std::string, Simulation> kinds = {{"signal", Simulation::kSignal},
+                                                     {"abort", Simulation::kAbort},
+                                                     {"exception", Simulation::kException},
+                                                     {"hang", Simulation::kHang}};
     options.simulation = kinds.at(kind);
   }
   return options;

@@ -10,8 +10,8 @@
 
 namespace {
 
-constexpr std::array<const char*, kJournalPartSizes.size()> kPartNames = {"identity", "images", "user data",
-                                                                          "scenes",   "events", "exception", "settings"};
+constexpr std::array<const char*, kJournalPartSizes.size()> kPartNames = {
+    "identity", "images", "user data", "scenes", "events", "exception", "settings"};
 
 std::string timeText(std::int64_t milliseconds) {
   return KivDeviceUtil::getFullTimeMsStrBy(milliseconds).str();
