@@ -2,6 +2,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <thread>
 
@@ -34,14 +35,20 @@ class StoreCrashTest : public test::StoreTest {
     const auto store = open();
     return saveCrash(*store, record);
   }
-  /// Runs `work` on the owner of a crash, in a child, whose crash heap nobody else needs.
+  /// Runs `work` on the owner of a crash, in a child: its crash heap is its own. It may start no thread, which
+  /// the thread sanitizer would take for one of the parent's.
   template <class Work>
-  void expectOnOwner(Work&& work) {
-    EXPECT_EQ(test::runInChild([&] {
-                EXPECT_TRUE(test::onCrashOwner(work));
-                return HasFailure() ? 1 : 0;
-              }),
-              0);
+  static void expectOnOwner(Work&& work) {
+    EXPECT_EQ(statusOnOwner(work), 0);
+  }
+  template <class Work>
+  static int statusOnOwner(Work&& work) {
+    return test::runInChild([&] {
+      EXPECT_TRUE(core::CrashHeap::reserve() && core::CrashOwner::claim() == core::CrashOwner::Claim::kFirst);
+      work();
+      core::CrashOwner::release();
+      return HasFailure() ? 1 : 0;
+    });
   }
 };
 
@@ -100,30 +107,35 @@ TEST_F(StoreCrashTest, AnEqualCrashTooLargeForTheCrashHeapIsReplaced) {
   EXPECT_TRUE(next->getCrashWithMd5("A")->attachmentList.empty());
 }
 
+/// Another process holds the record lock, and then a thread that waits for it the process's own lock.
 TEST_F(StoreCrashTest, WaitsForNoLock) {
   save({"A"});
-  const auto held = core::RecordLock::acquire(path(".store.lock"), core::RecordLock::Mode::kTry);
-  ASSERT_TRUE(held);
-  for (const bool isHeldByAThreadToo : {false, true}) {
-    EXPECT_EQ(test::runInChild([&] {
-                ::alarm(60);
-                static std::atomic<bool> isWaiting;
-                const test::CallProbe probe([](long number) noexcept -> long {
-                  isWaiting = isWaiting || number == SYS_fcntl;
-                  return 0;
-                });
-                if (isHeldByAThreadToo) {
-                  std::thread([&] { const StoreLock lock(directory_.path()); }).detach();
-                  while (!isWaiting) {
-                    std::this_thread::yield();
-                  }
-                }
-                test::onCrashOwner([&] { EXPECT_TRUE(saveCrash(crash("C", isHeldByAThreadToo ? 50 : 60))); });
-                return HasFailure() ? 1 : 0;
-              }),
-              0);
-    EXPECT_EQ(storedIn(directory_.path()), (Hashes{"A", "C"}));
+  int held[2];
+  ASSERT_EQ(::pipe(held), 0);
+  const pid_t holder = ::fork();
+  if (holder == 0) {
+    const auto lock = core::RecordLock::acquire(path(".store.lock"), core::RecordLock::Mode::kTry);
+    ::_exit(lock && ::write(held[1], "", 1) == 1 ? ::pause() : 1);
   }
+  char none;
+  ASSERT_EQ(::read(held[0], &none, 1), 1);
+  expectOnOwner([&] { EXPECT_TRUE(saveCrash(crash("C", 50))); });
+  static std::atomic<bool> isWaiting;
+  const test::CallProbe probe([](long number) noexcept -> long {
+    isWaiting = isWaiting || number == SYS_fcntl;
+    return 0;
+  });
+  std::thread waiting([&] { const StoreLock lock(directory_.path()); });
+  while (!isWaiting) {
+    std::this_thread::yield();
+  }
+  EXPECT_TRUE(test::onCrashOwner([&] { EXPECT_TRUE(saveCrash(crash("D", 60))); }));
+  ::kill(holder, SIGKILL);
+  ::waitpid(holder, nullptr, 0);
+  waiting.join();
+  EXPECT_EQ(storedIn(directory_.path()), (Hashes{"A", "C", "D"}));
+  ::close(held[0]);
+  ::close(held[1]);
 }
 
 TEST_F(StoreCrashTest, HasTheSpareDescriptorForTheRecord) {
@@ -143,7 +155,7 @@ TEST_F(StoreCrashTest, OthersLeaveTheStoreToTheCrash) {
   save({"A", "B"});
   const std::string index = test::contentOf(path(kIndex));
   const std::string b = test::contentOf(fileOf("B"));
-  expectOnOwner([&] {
+  EXPECT_TRUE(test::onCrashOwner([&] {
     std::thread([&] {
       KivExpObj record = *store_.getCrashWithMd5("B");
       record.dcount = 0;
@@ -156,7 +168,7 @@ TEST_F(StoreCrashTest, OthersLeaveTheStoreToTheCrash) {
     EXPECT_EQ(test::contentOf(path(kIndex)), index);
     EXPECT_EQ(test::contentOf(fileOf("B")), b);
     store_.persistAllCrashMetaDatas();
-  });
+  }));
   EXPECT_EQ(storedIn(directory_.path()), (Hashes{"A", "B", "C"}));
 }
 
@@ -187,43 +199,38 @@ TEST_F(StoreCrashTest, CleaningEndsWithTheFirstSignOfACrash) {
 }
 
 TEST_F(StoreCrashTest, ProcessesAndThreadsKeepEachOthersCrashes) {
-  constexpr int kProcesses = 4;
+  constexpr int kWriters = 5;  // three processes and two threads of this one
   constexpr int kCrashes = 25;
-  constexpr std::size_t kKept = 1 + kProcesses * 2 * (kCrashes * 4 / 5);
+  constexpr std::size_t kKept = 1 + kWriters * kCrashes * 4 / 5;
   save({"A"});
   int start[2];
   ASSERT_EQ(::pipe(start), 0);
-  const auto work = [&](int process) {
-    const auto store = open();
-    store->loadAllDatas();
-    const auto saveCrashes = [&](int thread) {
-      for (int i = 0; i < kCrashes; ++i) {
-        const int number = (i * 2 + thread) * kProcesses + process;
-        KivExpObj record = crash(std::to_string(number), 1000 + number);
-        EXPECT_TRUE(store->saveOneCrash(record));
-        EXPECT_TRUE(i % 5 != 0 || store->deleteCrash(&record));
-        store->deleteAllInvalidCrashes();
-        queue_.run();
-      }
-    };
-    std::thread other(saveCrashes, 1);
-    saveCrashes(0);
-    other.join();
-    queue_.run();
+  const auto write = [&](KivFilePersistHandler& store, int writer) {
+    store.loadAllDatas();
+    for (int number = writer; number < kWriters * kCrashes; number += kWriters) {
+      KivExpObj record = crash(std::to_string(number), 1000 + number);
+      EXPECT_TRUE(store.saveOneCrash(record));
+      EXPECT_TRUE(number / kWriters % 5 != 0 || store.deleteCrash(&record));
+      store.deleteAllInvalidCrashes();
+      queue_.run();
+    }
   };
   std::vector<pid_t> processes;
-  for (int process = 0; process < kProcesses; ++process) {
+  for (int writer = 2; writer < kWriters; ++writer) {
     processes.push_back(::fork());
     if (processes.back() == 0) {
       ::close(start[1]);
       char none;
       EXPECT_EQ(::read(start[0], &none, 1), 0);
-      work(process);
+      write(*open(), writer);
       ::_exit(HasFailure() ? 1 : 0);
     }
   }
   ::close(start[0]);
   ::close(start[1]);
+  std::thread other([&] { write(store_, 1); });
+  write(store_, 0);
+  other.join();
   for (const pid_t process : processes) {
     int status = -1;
     ::waitpid(process, &status, 0);
@@ -236,54 +243,40 @@ TEST_F(StoreCrashTest, ProcessesAndThreadsKeepEachOthersCrashes) {
 
 /// Every system call of a crash in turn fails, or ends the process.
 TEST_F(StoreCrashTest, EachFailingCallCostsTheNewCrashAtMost) {
-  constexpr int kDone = 0;
-  constexpr int kFailed = 1;
-  constexpr int kKilled = 3;
+  constexpr int kReached = 2;
   constexpr int kCallsOfOneWrite = 4;
   save({"A", "B"});
-  // The next run cleans up; whether it has the crash.
-  const auto crashed = [&](int call, int error, void (*act)(), bool& isReached) {
-    const test::TemporaryDirectory folder;
-    fs::copy(directory_.path(), folder.path(), fs::copy_options::recursive);
-    const auto work = [&] {
-      const auto store = open(folder.path());
-      KivExpObj record = crash("C", 60);
-      isReached = test::runWithFault(
-          call, error, [&] { saveCrash(*store, record); }, act);
-    };
-    if (act == nullptr) {
-      test::onCrashOwner(work);
-    } else {
-      const int status = test::runInChild([&] { return test::onCrashOwner(work) ? kDone : kFailed; });
-      EXPECT_NE(status, kFailed);
-      isReached = status == kKilled;
-    }
-    const auto next = open(folder.path());
-    next->loadAllDatas();
-    next->deleteAllInvalidCrashes();
-    queue_.run();
-    const Hashes stored = storedIn(folder.path());
-    EXPECT_TRUE(stored.contains("A") && stored.contains("B")) << error << " " << call;
-    EXPECT_EQ(test::namesIn(folder.path(), "crash_meta").size(), 0U) << error << " " << call;
-    return stored.contains("C");
-  };
   const auto sweep = [&](int error, void (*act)()) {
     int calls = 0;
     int lost = 0;
-    for (bool isReached = true; isReached; ++calls) {
-      lost += crashed(calls + 1, error, act, isReached) ? 0 : 1;
+    for (int status = kReached; status == kReached; ++calls) {
+      const test::TemporaryDirectory folder;
+      fs::copy(directory_.path(), folder.path(), fs::copy_options::recursive);
+      status = statusOnOwner([&] {
+        const auto store = open(folder.path());
+        KivExpObj record = crash("C", 60);
+        if (test::runWithFault(
+                calls + 1, error, [&] { saveCrash(*store, record); }, act)) {
+          core::rawSystemCall(SYS_exit_group, kReached);
+        }
+      });
+      const auto next = open(folder.path());
+      next->loadAllDatas();
+      next->deleteAllInvalidCrashes();
+      queue_.run();
+      const Hashes stored = storedIn(folder.path());
+      EXPECT_TRUE(stored.contains("A") && stored.contains("B")) << error << " " << calls;
+      EXPECT_TRUE(test::namesIn(folder.path(), "crash_meta").empty()) << error << " " << calls;
+      lost += stored.contains("C") ? 0 : 1;
+      ASSERT_TRUE(status == kReached || status == 0) << error << " " << calls;
     }
     EXPECT_GT(calls, 25);
     EXPECT_LE(lost, act == nullptr ? kCallsOfOneWrite : calls * 2 / 3) << error;
   };
   for (const int error : {-ENOSPC, -EMFILE, -EFAULT}) {
-    EXPECT_EQ(test::runInChild([&] {
-                sweep(error, nullptr);
-                return HasFailure() ? kFailed : kDone;
-              }),
-              kDone);
+    sweep(error, nullptr);
   }
-  sweep(0, [] { core::rawSystemCall(SYS_exit_group, kKilled); });
+  sweep(0, [] { core::rawSystemCall(SYS_exit_group, kReached); });
 }
 
 }  // namespace
