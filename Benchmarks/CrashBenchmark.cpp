@@ -1,13 +1,14 @@
-// What a crash takes, beside some threads that are blocked 20 frames deep: from the fault to the
-// finished log, and to the end of the process, when its memory is given back and its descriptors close (the
-// parent's wait for it may take milliseconds more, in which the kernel forgets the child's /proc). Each round starts
-// this program again, which crashes, and writes the clock at both places. `withoutReporter` is what the kernel needs
-// alone. What is saved goes below TMPDIR: a disk there costs one flush of it.
+// What a crash takes, beside some threads that are blocked 20 frames deep: from the fault to the finished log, and
+// to the end of the process, when its memory is given back and its descriptors close (the parent's wait for it may
+// take milliseconds more, in which the kernel forgets the child's /proc); and the most memory that it adds. Each round
+// starts this program again, which crashes, and writes the clock at both places. `withoutReporter` is what the kernel
+// needs alone. What is saved goes below TMPDIR: a disk there costs one flush of it.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -33,6 +35,7 @@ constexpr int kDepth = 17;
 struct Moments {
   std::int64_t fault;
   std::int64_t log;
+  std::int64_t resident;  // KiB, at the fault
 };
 Moments moments;
 
@@ -69,6 +72,14 @@ int onLog() {
   return 0;
 }
 
+/// How much is resident now; the peak is counted anew from here on.
+std::int64_t residentKibibytes() {
+  std::ofstream("/proc/self/clear_refs") << 5;
+  std::int64_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages >> pages;
+  return pages * (getpagesize() / 1024);
+}
+
 int crash(int threads, bool reported) {
   prctl(PR_SET_DUMPABLE, 0);
   if (reported) {
@@ -87,6 +98,7 @@ int crash(int threads, bool reported) {
     std::this_thread::yield();
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the others come to rest
+  moments.resident = residentKibibytes();
   moments.fault = now();
   if (!reported) {
     tell();
@@ -96,7 +108,8 @@ int crash(int threads, bool reported) {
 }
 
 /// Lets a child crash; false when it did not tell all of it.
-bool runChild(int threads, bool reported, const std::string& home, Moments& told, std::int64_t& end) {
+bool runChild(int threads, bool reported, const std::string& home, Moments& told, std::int64_t& end,
+              std::int64_t& peak) {
   const std::string self = std::filesystem::read_symlink("/proc/self/exe");
   const std::string count = std::to_string(threads);
   int ends[2];
@@ -118,7 +131,9 @@ bool runChild(int threads, bool reported, const std::string& home, Moments& told
   }
   end = now();
   int status = 0;
-  waitpid(child, &status, 0);
+  rusage used{};
+  wait4(child, &status, 0, &used);
+  peak = used.ru_maxrss;
   close(ends[0]);
   return isWhole && WIFSIGNALED(status);
 }
@@ -132,19 +147,23 @@ void crashed(benchmark::State& state, bool reported, Until until) {
     return;
   }
   std::vector<double> times;
+  std::int64_t added = 0;
   for (auto _ : state) {
     Moments told{};
     std::int64_t end = 0;
-    if (!runChild(static_cast<int>(state.range(0)), reported, home, told, end)) {
+    std::int64_t peak = 0;
+    if (!runChild(static_cast<int>(state.range(0)), reported, home, told, end, peak)) {
       state.SkipWithError("the child did not crash as it should");
       break;
     }
     times.push_back(static_cast<double>((until == Until::kLog ? told.log : end) - told.fault) * 1e-6);
     state.SetIterationTime(times.back() * 1e-3);
+    added = std::max(added, peak - told.resident);
   }
   if (!times.empty()) {
     std::nth_element(times.begin(), times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2), times.end());
     state.counters["median_ms"] = times[times.size() / 2];
+    state.counters["added_MiB"] = static_cast<double>(added) / 1024;
   }
   std::filesystem::remove_all(home);
 }

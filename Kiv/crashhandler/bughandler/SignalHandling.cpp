@@ -217,12 +217,16 @@ void handle(int sig, siginfo_t* info, void* context, bool isFirst) noexcept {
   const std::uint32_t count = ++crashCount;
   const bool isKnown = isSameSignal(*info, temp_siginfo);
   const CrashFacts facts = factsOf(*info, context, count);
+  const bool isForked = core::ForkTell::isForked();
+  if (isFirst && isForked) {
+    CrashWatchdog::arm(sig);  // a child's journal takes system calls to make
+  }
   if (!isKnown) {
     temp_siginfo = *info;
     leaveParent();
     noteEntry(facts);
   }
-  if (isFirst) {
+  if (isFirst && !isForked) {
     CrashWatchdog::arm(sig);
   }
   if (isKnown) {

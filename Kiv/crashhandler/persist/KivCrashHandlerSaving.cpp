@@ -66,8 +66,8 @@ std::optional<KivExpObj> KivCrashHandler::saveCrashData(KivCrashData* given) noe
     callBack(userCrashHandlerCallback_);
   }
   KivExpObj record = generateExpUploadObj(data);
-  currExpObj_.set(record);
   CrashRecord::addUserData(record, data, ReporterIdentity::current(), settings.attachLog);
+  currExpObj_.set(record);
   if (save(record, isExpMergeUpload())) {
     CrashJournal::settle(entryOf(data));
   }
