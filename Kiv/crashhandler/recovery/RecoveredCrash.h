@@ -29,7 +29,6 @@ class RecoveredCrash {
 
   const KivCrashData& data() const noexcept { return data_; }  ///< with the text
   const ReporterIdentity& identity() const noexcept { return identity_; }
-  const KivBinaryImageCollector::Images& images() const noexcept { return images_; }
 
  private:
   void addThreads(DeadAddresses& source) noexcept;
