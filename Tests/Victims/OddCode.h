@@ -90,6 +90,7 @@ victimComputed:
   .cfi_def_cfa_offset 16
   .cfi_offset %rbp, -16
   lea 16(%rsp), %rax
+  .cfi_def_cfa %rax, 0
   sub $128, %rsp
   and $-64, %rsp
   mov %rax, 32(%rsp)
@@ -99,6 +100,7 @@ victimComputed:
   lea -16(%rax), %rsp
   .cfi_def_cfa %rsp, 16
   popq %rbp
+  .cfi_restore %rbp
   .cfi_def_cfa_offset 8
   ret
   .cfi_endproc

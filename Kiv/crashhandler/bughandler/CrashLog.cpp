@@ -65,8 +65,7 @@ void appendSession(core::StringBuilder& log, const ReporterIdentity& identity, s
   if (identity.serverTimeDelta != 0) {
     core::kiv_append(log, "SDK server time delta: %lli s\n", identity.serverTimeDelta / kMillisecondsASecond);
   }
-  const std::int64_t last = identity.lastRecordTime > 0 ? identity.lastRecordTime : identity.startTime;
-  core::kiv_append(log, "last record time delta : %lli ms\n", now - last);
+  core::kiv_append(log, "last record time delta : %lli ms\n", identity.sinceLastRecord(now));
   appendIfSet(log, "Orv SDK Version: %@\n", identity.sdkVersion);
   appendIfSet(log, "Orv Registed Uin : %@\n", identity.userid);
   appendIfSet(log, "Orv DeviceId: %@\n", identity.openudid);

@@ -45,3 +45,12 @@ ReporterIdentity ReporterIdentity::current(bool whole) noexcept {
   identity.namesOwnFunctions = KivStackCollector::sharedInstance().needSymbol();
   return identity;
 }
+
+std::int64_t ReporterIdentity::sinceLastRecord(std::int64_t now) const noexcept {
+  const std::int64_t last = lastRecordTime > 0 ? lastRecordTime : startTime;
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(now) - static_cast<std::uint64_t>(last));
+}
+
+std::int64_t ReporterIdentity::serverTime(std::int64_t time) const noexcept {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(time) + static_cast<std::uint64_t>(serverTimeDelta));
+}

@@ -35,6 +35,10 @@ struct ReporterIdentity {
   /// the keychain, unless `whole`.
   static ReporterIdentity current(bool whole = true) noexcept;
 
+  // Milliseconds. What is read back from a damaged journal wraps.
+  std::int64_t sinceLastRecord(std::int64_t now) const noexcept;  ///< or since the start, when nothing was recorded
+  std::int64_t serverTime(std::int64_t time) const noexcept;
+
   template <class Self, class Each>
   static void fields(Self& self, Each&& each) noexcept {
     each(self.appId, self.appVersion, self.bundleId, self.resourcePath, self.pIdentity, self.sdkVersion, self.userid,

@@ -163,7 +163,7 @@ KivExpObj CrashRecord::of(const KivCrashData& data, const ReporterIdentity& iden
                           const std::optional<DeviceState>& device, const core::String& uid) noexcept {
   KivExpObj record;
   record.time = data.time();
-  record.cashTime = data.time() + identity.serverTimeDelta;
+  record.cashTime = identity.serverTime(data.time());
   record.crashType = crashTypeOf(data);
   record.exceptionType = data.type();
   record.excepitonAddress = data.address();
