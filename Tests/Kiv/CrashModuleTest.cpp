@@ -160,6 +160,29 @@ TEST(CrashModule, TakesStrategiesThatChangeSomething) {
   EXPECT_EQ(countOf(outcome, "<WARN> <KIV> Sdk crash module has been initialized"), 1);
 }
 
+TEST(CrashModule, ForgetsTheStrategyThatItCleans) {
+  const ProbeBundle bundle;
+  const std::string file = bundle.dataPath(".new_strategy.data");
+  const std::string before = "https://g|" + kEndpoint + "|https://g|" + kEndpoint + "\n";
+  const std::string after = kEndpoint + "|" + kEndpoint + "|" + kEndpoint + "|" + kEndpoint + "\n";
+  EXPECT_EQ(
+      bundle.run({"held", "appkey=A", "field=httpsUrl:https://g", "process", "urls", "await-file=" + file}).output,
+      "YES\nYES\n" + before);
+  // The first one finds what the store has not deleted yet, or no more.
+  const test::Outcome cleaned =
+      bundle.run({"held", "appkey=A", "urls", "clean-strategy", "await-no-file=" + file, "clean-strategy", "urls"});
+  EXPECT_EQ(cleaned.output, "YES\n" + before + after) << cleaned.errors;
+  EXPECT_EQ(bundle.run({"held", "appkey=A", "urls"}).output, "YES\n" + after);
+}
+
+TEST(CrashModule, KnowsWhenTheApplicationCameAndWent) {
+  const test::Outcome outcome =
+      ProbeBundle().run({"log=1", "held", "appkey=A", "background", "foreground", "background", "foreground"});
+  EXPECT_EQ(outcome.output, "YES\n1 0 1 1\n0 1 1 0\n1 0 1 0\n0 1 1 0\n") << outcome.errors;
+  EXPECT_EQ(countOf(outcome, "<INFO> <KIV>  appEnterForeground"), 2);
+  EXPECT_EQ(countOf(outcome, "<INFO> <KIV>  appEnterBackground"), 2);
+}
+
 TEST(CrashModule, AStoredStrategyStopsTheStartUp) {
   const ProbeBundle bundle;
   const std::string stray = bundle.dataPath(".crash_stray.data");

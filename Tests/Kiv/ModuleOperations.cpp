@@ -2,13 +2,16 @@
 
 #include <signal.h>
 
+#include <chrono>
 #include <filesystem>
 #include <iostream>
 #include <list>
 #include <thread>
 #include <utility>
 
+#include "Core/Kernel/Process.h"
 #include "Core/Text/Format.h"
+#include "Kiv/common/KivModelBase.h"
 #include "Kiv/common/KivProtocolDataRegister.h"
 #include "Kiv/compat/KivCustomizedException.h"
 #include "Kiv/crashhandler/KivCrashModule.h"
@@ -128,6 +131,17 @@ void setKilledLog(Argument characters) {
   module().setSigkillReportCallback([] { return killedLog().empty() ? nullptr : killedLog().c_str(); });
 }
 
+/// Prints which of the model's moments are now: entering the background, resuming, the last record;
+/// and whether it counts as resumed since the start.
+void enter(void (KivCrashModule::*side)() noexcept) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(3));
+  const KivModelBase& model = KivModelBase::getDefualtAnaModel();
+  const std::int64_t before = core::wallClockNanoseconds() / 1'000'000;
+  (module().*side)();
+  print("%d %d %d %d", int{model.backGroundTime() >= before}, int{model.resumeTime() >= before},
+        int{model.lastRecordTime() >= before}, int{model.resumeTime() == model.startTime()});
+}
+
 void printSummaries(Argument) {
   for (const KivSummaryInfo& summary : KivFilePersistHandler::sharedInstance().getAllDatas()) {
     print("%d %@ %@ %d %lld", int{summary.startType}, summary.userid, summary.proc,
@@ -172,6 +186,15 @@ const Operations& moduleOperations() {
            std::this_thread::yield();
          }
        }},
+      {"await-no-file",
+       [](Argument path) {
+         while (std::filesystem::exists(path)) {
+           std::this_thread::yield();
+         }
+       }},
+      {"clean-strategy", [](Argument) { module().cleanLocalStrategy(); }},
+      {"foreground", [](Argument) { enter(&KivCrashModule::appEnterForeground); }},
+      {"background", [](Argument) { enter(&KivCrashModule::appEnterBackground); }},
       {"make-summary", [](Argument) { print(module().creatSummaryInfo(4, 0).has_value()); }},
       {"summaries", printSummaries},
       {"response-class",
